@@ -1,0 +1,62 @@
+# cmake --install: the three shared libraries with their headers, a CMake package
+# (find_package(Pelmora) -> Pelmora::Pelmora), a pkg-config file, the monitor (installed by its
+# own folder), the default configuration and a udev rules example.
+include(CMakePackageConfigHelpers)
+
+set(PELMORA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Pelmora)
+set(PELMORA_INSTALL_SHAREDIR ${CMAKE_INSTALL_DATADIR}/pelmora)
+
+install(FILES code/include/Pelmora.h quenwick/include/Quenwick.h tarnwell/include/Tarnwell.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY config/ DESTINATION ${PELMORA_INSTALL_SHAREDIR}/config FILES_MATCHING PATTERN "*.ini")
+
+# One rule per vendor of the shipped AndroidVID.ini, so the two lists never drift apart.
+set(udev_rules ${PROJECT_BINARY_DIR}/packaging/51-pelmora-android.rules)
+file(STRINGS ${PROJECT_SOURCE_DIR}/config/AndroidVID.ini vendor_lines REGEX "^[^; ]+=[0-9]+$")
+file(READ ${PROJECT_SOURCE_DIR}/packaging/udev-rules-head.txt rules_text)
+foreach(line IN LISTS vendor_lines)
+  string(REGEX REPLACE "^([^=]+)=([0-9]+)$" "\\1;\\2" fields "${line}")
+  list(GET fields 0 vendor_name)
+  list(GET fields 1 vendor_id)
+  math(EXPR vendor_hex "${vendor_id}" OUTPUT_FORMAT HEXADECIMAL)
+  string(REGEX REPLACE "^0x" "" vendor_hex "${vendor_hex}")
+  string(LENGTH "${vendor_hex}" digits)
+  while(digits LESS 4)
+    string(PREPEND vendor_hex "0")
+    math(EXPR digits "${digits} + 1")
+  endwhile()
+  string(TOLOWER "${vendor_hex}" vendor_hex)
+  string(APPEND rules_text "# ${vendor_name}\nSUBSYSTEM==\"usb\", ATTR{idVendor}==\"${vendor_hex}\", MODE=\"0660\", GROUP=\"plugdev\", TAG+=\"uaccess\"\n")
+endforeach()
+file(CONFIGURE OUTPUT ${udev_rules} CONTENT "${rules_text}" @ONLY)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/config/AndroidVID.ini ${PROJECT_SOURCE_DIR}/packaging/udev-rules-head.txt)
+install(FILES ${udev_rules} DESTINATION ${PELMORA_INSTALL_SHAREDIR}/udev)
+
+if(NOT TARGET Pelmora OR NOT TARGET Quenwick OR NOT TARGET Tarnwell)
+  return()
+endif()
+
+# Installed side by side, each library finds the others in its own folder.
+set_target_properties(Pelmora Quenwick Tarnwell PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(quenwick_headers PROPERTIES EXPORT_NAME QuenwickHeaders)
+set_target_properties(tarnwell_headers PROPERTIES EXPORT_NAME TarnwellHeaders)
+install(TARGETS Pelmora Quenwick Tarnwell quenwick_headers tarnwell_headers
+        EXPORT PelmoraTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT Development
+        INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT PelmoraTargets NAMESPACE Pelmora:: DESTINATION ${PELMORA_INSTALL_CMAKEDIR})
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/packaging/PelmoraConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/packaging/PelmoraConfig.cmake INSTALL_DESTINATION ${PELMORA_INSTALL_CMAKEDIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/packaging/PelmoraConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/PelmoraConfig.cmake
+              ${PROJECT_BINARY_DIR}/packaging/PelmoraConfigVersion.cmake
+        DESTINATION ${PELMORA_INSTALL_CMAKEDIR})
+
+# The .pc file finds its prefix from its own place, so an installed tree can be moved.
+file(RELATIVE_PATH PELMORA_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" PELMORA_PC_TO_PREFIX "${PELMORA_PC_TO_PREFIX}")
+configure_file(${PROJECT_SOURCE_DIR}/packaging/pelmora.pc.in ${PROJECT_BINARY_DIR}/packaging/pelmora.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/packaging/pelmora.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,82 @@
+// The records a device travels through the library as: USB side, ADB side, merged table,
+// detail cache and one change. Plain values, held in std::maps keyed by the key serial.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+enum DeviceConnectStatus : int32_t {
+  NotConnect = 0,
+  MtpConnect = 1,
+  AdbConnect = 2,  // kept for its row in the name table; nothing produces it
+  OfflineConnect = 3,
+  UnauthoredConnect = 4,
+  AuthoredConnect = 5,
+};
+
+// Row n holds the name of status n, NUL-padded to 30 bytes.
+extern const char s_c_DeviceStatusString[6][30];
+
+// The name of a status; "" for a value outside 0 to 5 (no record holds one).
+const char* DeviceStatusName(DeviceConnectStatus status);
+
+enum DeviceAuthorStatus : int32_t {
+  DeviceAuthored = 0,
+  DeviceUnauthored = 1,
+  DeviceOffline = 2,
+};
+
+// What the USB watcher learned about an attached USB device.
+struct DeviceModleInfo {
+  std::string serial;
+  uint16_t vid = 0;
+  uint16_t pid = 0;
+  std::string product;
+  std::string manufacturer;
+  std::string reported_manufacturer;
+  std::string reported_model;
+};
+
+// What ADB says about a device.
+struct DeviceAuthorInfo_ {
+  DeviceAuthorStatus status = DeviceAuthored;
+  std::string serial;
+};
+
+// One device of the merged table of a poll.
+struct DeviceBasicInfo_ {
+  DeviceConnectStatus status = NotConnect;
+  int32_t reserved = -1;
+  uint32_t vid = 0;
+  uint32_t pid = 0;
+  std::string actual_serial;
+  std::string usb_manufacturer;
+  std::string usb_product;
+  std::string reported_manufacturer;
+  std::string reported_model;
+};
+
+// One device of the listener's detail cache.
+struct DeviceInfo_ {
+  DeviceConnectStatus status = NotConnect;
+  uint32_t vid = 0;
+  uint32_t pid = 0;
+  std::string actual_serial;
+  std::string manufacturer;
+  std::string model;
+  std::string os_version;
+  std::string usb_manufacturer;
+  std::string usb_product;
+  std::string adb_manufacturer;
+  std::string adb_model;
+};
+
+// One change of a device's connection status between two polls.
+struct DevicesStatusChangeInfo_ {
+  std::string key_serial;
+  std::string actual_serial;
+  DeviceConnectStatus old_status = NotConnect;
+  DeviceConnectStatus new_status = NotConnect;
+};
+
+DeviceConnectStatus ConvertAuthorStatus2ConnectStatus(DeviceAuthorStatus status);

@@ -1,0 +1,388 @@
+// The USB watcher's platform on Linux: libudev for the devices attached at the start and for
+// later add/remove events, sysfs for serial number and descriptor fields, and usbfs control
+// transfers for string descriptors, falling back to the kernel's sysfs strings when the device
+// node cannot be opened (the normal case for a desktop user without udev rules).
+#include <fcntl.h>
+#include <libudev.h>
+#include <linux/usbdevice_fs.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Quenwick.h"
+#include "UsbPlatform.h"
+#include "UsbSysfsLinux.h"
+
+namespace {
+
+constexpr unsigned kControlTimeoutMs = 1000;
+constexpr size_t kDescriptorsReadLimit = 4096;  // the device descriptor is the first 18 bytes
+
+struct LinuxUsbService : UsbService {
+  udev_device* device = nullptr;
+};
+
+struct LinuxUsbIterator : UsbIterator {
+  std::deque<udev_device*> pending;
+};
+
+struct DeviceNames {
+  std::string syspath;
+  std::string devnode;
+  // The kernel's copies of the strings; absent when the device has none at that index.
+  bool has_manufacturer = false;
+  bool has_product = false;
+  std::string manufacturer;
+  std::string product;
+};
+
+struct LinuxUsbPlugIn : UsbPlugIn {
+  std::vector<unsigned char> descriptors;
+  DeviceNames names;
+};
+
+struct LinuxUsbDeviceInterface : UsbDeviceInterface {
+  UsbDeviceDescriptorFields fields;
+  DeviceNames names;
+  bool path_logged = false;
+  bool node_unusable = false;  // once the node could not be opened, sysfs answers the rest
+};
+
+struct LinuxUsbNotification : UsbNotification {
+  std::string syspath;
+  UsbDeviceRemovedCallback callback = nullptr;
+  void* refCon = nullptr;
+};
+
+std::string ErrorText(int error) { return std::system_category().message(error); }
+
+// A binary attribute read whole (up to limit bytes); an errno code when it cannot be read.
+int ReadAttributeFile(const std::string& path, std::vector<unsigned char>* bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  bytes->resize(kDescriptorsReadLimit);
+  size_t filled = 0;
+  int error = 0;
+  while (filled < bytes->size()) {
+    const ssize_t n = ::read(fd, bytes->data() + filled, bytes->size() - filled);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) error = errno;
+    if (n <= 0) break;
+    filled += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  bytes->resize(filled);
+  return error;
+}
+
+bool SysattrText(udev_device* device, const char* name, std::string* text) {
+  const char* value = udev_device_get_sysattr_value(device, name);
+  if (value == nullptr) return false;
+  *text = value;
+  return true;
+}
+
+DeviceNames NamesOf(udev_device* device) {
+  DeviceNames names;
+  names.syspath = udev_device_get_syspath(device);
+  const char* devnode = udev_device_get_devnode(device);
+  if (devnode != nullptr) names.devnode = devnode;
+  names.has_manufacturer = SysattrText(device, "manufacturer", &names.manufacturer);
+  names.has_product = SysattrText(device, "product", &names.product);
+  return names;
+}
+
+int OpenDeviceNode(const std::string& devnode) {
+  // A missing node (no devtmpfs entry yet, or none at all) is not worth an open attempt.
+  if (devnode.empty() || ::access(devnode.c_str(), F_OK) != 0) {
+    errno = ENOENT;
+    return -1;
+  }
+  int fd = ::open(devnode.c_str(), O_RDWR | O_CLOEXEC);
+  if (fd < 0 && (errno == EACCES || errno == EPERM)) fd = ::open(devnode.c_str(), O_RDONLY | O_CLOEXEC);
+  return fd;
+}
+
+// The answer to a string request without the device: what the kernel read from it at
+// enumeration, turned back into a descriptor. A stall (EPIPE) for a string the device lacks.
+int StringRequestFromSysfs(const LinuxUsbDeviceInterface& device, UsbDeviceRequest* request) {
+  const uint8_t index = static_cast<uint8_t>(request->wValue & 0xFF);
+  std::vector<unsigned char> answer;
+  if (index == 0) {
+    answer = LanguageTableDescriptor();
+  } else if (index == device.fields.manufacturer_index && device.names.has_manufacturer) {
+    answer = BuildStringDescriptorFromText(device.names.manufacturer);
+  } else if (index == device.fields.product_index && device.names.has_product) {
+    answer = BuildStringDescriptorFromText(device.names.product);
+  } else {
+    return EPIPE;
+  }
+  const size_t n = std::min<size_t>(answer.size(), request->wLength);
+  std::memcpy(request->pData, answer.data(), n);
+  request->wLenDone = static_cast<uint32_t>(n);
+  return 0;
+}
+
+class LinuxUsbPlatform : public UsbPlatform {
+ public:
+  ~LinuxUsbPlatform() override {
+    for (udev_device* device : iterator_.pending) udev_device_unref(device);
+    for (LinuxUsbNotification* notification : live_notifications_) delete notification;
+    if (monitor_ != nullptr) udev_monitor_unref(monitor_);
+    if (udev_ != nullptr) udev_unref(udev_);
+    if (stop_fd_ >= 0) ::close(stop_fd_);
+  }
+
+  bool CreateMatching() override {
+    udev_ = udev_new();
+    if (udev_ == nullptr) return false;
+    monitor_ = udev_monitor_new_from_netlink(udev_, "udev");
+    if (monitor_ == nullptr) return false;
+    if (udev_monitor_filter_add_match_subsystem_devtype(monitor_, "usb", "usb_device") < 0) return false;
+    stop_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return stop_fd_ >= 0;
+  }
+
+  int AddMatchingNotification(UsbDeviceAddedCallback callback, void* refCon,
+                              UsbIterator** iterator) override {
+    // The monitor listens before the enumeration, so that no device falls between the two; one
+    // seen by both is delivered once.
+    const int listening = udev_monitor_enable_receiving(monitor_);
+    if (listening < 0) return -listening;
+    udev_enumerate* enumerate = udev_enumerate_new(udev_);
+    if (enumerate == nullptr) return ENOMEM;
+    udev_enumerate_add_match_subsystem(enumerate, "usb");
+    udev_enumerate_add_match_property(enumerate, "DEVTYPE", "usb_device");
+    const int scanned = udev_enumerate_scan_devices(enumerate);
+    if (scanned < 0) {
+      udev_enumerate_unref(enumerate);
+      return -scanned;
+    }
+    udev_list_entry* entry = nullptr;
+    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(enumerate)) {
+      udev_device* device = udev_device_new_from_syspath(udev_, udev_list_entry_get_name(entry));
+      if (device != nullptr) Deliver(device);
+    }
+    udev_enumerate_unref(enumerate);
+    added_callback_ = callback;
+    added_refCon_ = refCon;
+    *iterator = &iterator_;
+    return 0;
+  }
+
+  void RunLoop() override {
+    pollfd fds[2] = {{udev_monitor_get_fd(monitor_), POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+    for (;;) {
+      const int ready = ::poll(fds, 2, -1);
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready < 0) {
+        Log(3, "usb event loop failed: %s", ErrorText(errno).c_str());
+        return;
+      }
+      if (fds[1].revents != 0) return;
+      if (fds[0].revents != 0) ReceiveEvent();
+    }
+  }
+
+  void StopLoop() override {
+    const uint64_t one = 1;
+    if (stop_fd_ >= 0) (void)!::write(stop_fd_, &one, sizeof one);
+  }
+
+  UsbService* IteratorNext(UsbIterator* iterator) override {
+    auto* pending = static_cast<LinuxUsbIterator*>(iterator);
+    if (pending->pending.empty()) return nullptr;
+    auto* service = new LinuxUsbService;
+    service->device = pending->pending.front();
+    pending->pending.pop_front();
+    return service;
+  }
+
+  bool GetSerialNumberProperty(UsbService* service, std::string* serial) override {
+    return SysattrText(Device(service), "serial", serial);
+  }
+
+  int CreatePlugInInterface(UsbService* service, UsbPlugIn** plugIn) override {
+    *plugIn = nullptr;
+    udev_device* device = Device(service);
+    std::vector<unsigned char> descriptors;
+    const int error =
+        ReadAttributeFile(std::string(udev_device_get_syspath(device)) + "/descriptors", &descriptors);
+    if (error != 0) return error;
+    if (descriptors.empty()) return 0;
+    auto* created = new LinuxUsbPlugIn;
+    created->descriptors = std::move(descriptors);
+    created->names = NamesOf(device);
+    *plugIn = created;
+    return 0;
+  }
+
+  int QueryDeviceInterface(UsbPlugIn* plugIn, UsbDeviceInterface** device) override {
+    *device = nullptr;
+    auto* source = static_cast<LinuxUsbPlugIn*>(plugIn);
+    UsbDeviceDescriptorFields fields;
+    if (!ParseDeviceDescriptor(source->descriptors.data(), source->descriptors.size(), &fields)) {
+      return EINVAL;
+    }
+    auto* created = new LinuxUsbDeviceInterface;
+    created->fields = fields;
+    created->names = source->names;
+    *device = created;
+    return 0;
+  }
+
+  void ReleasePlugIn(UsbPlugIn* plugIn) override { delete static_cast<LinuxUsbPlugIn*>(plugIn); }
+
+  int GetDeviceVendor(UsbDeviceInterface* device, uint16_t* vid) override {
+    *vid = Interface(device)->fields.vid;
+    return 0;
+  }
+  int GetDeviceProduct(UsbDeviceInterface* device, uint16_t* pid) override {
+    *pid = Interface(device)->fields.pid;
+    return 0;
+  }
+  int GetManufacturerStringIndex(UsbDeviceInterface* device, uint8_t* index) override {
+    *index = Interface(device)->fields.manufacturer_index;
+    return 0;
+  }
+  int GetProductStringIndex(UsbDeviceInterface* device, uint8_t* index) override {
+    *index = Interface(device)->fields.product_index;
+    return 0;
+  }
+
+  int DeviceRequest(UsbDeviceInterface* handle, UsbDeviceRequest* request) override {
+    LinuxUsbDeviceInterface* device = Interface(handle);
+    request->wLenDone = 0;
+    if (device->node_unusable) return StringRequestFromSysfs(*device, request);
+    const int fd = OpenDeviceNode(device->names.devnode);
+    if (fd < 0) {
+      const int error = errno;
+      device->node_unusable = true;
+      if (!device->path_logged) {
+        Log(1, "usb device %s: %s cannot be opened (%s); strings taken from sysfs",
+            device->names.syspath.c_str(), device->names.devnode.c_str(), ErrorText(error).c_str());
+        device->path_logged = true;
+      }
+      return StringRequestFromSysfs(*device, request);
+    }
+    if (!device->path_logged) {
+      Log(1, "usb device %s: strings read by control transfer on %s", device->names.syspath.c_str(),
+          device->names.devnode.c_str());
+      device->path_logged = true;
+    }
+    usbdevfs_ctrltransfer transfer{};
+    transfer.bRequestType = request->bmRequestType;
+    transfer.bRequest = request->bRequest;
+    transfer.wValue = request->wValue;
+    transfer.wIndex = request->wIndex;
+    transfer.wLength = request->wLength;
+    transfer.timeout = kControlTimeoutMs;
+    transfer.data = request->pData;
+    int done = 0;
+    do {
+      done = ::ioctl(fd, USBDEVFS_CONTROL, &transfer);
+    } while (done < 0 && errno == EINTR);
+    const int error = done < 0 ? errno : 0;
+    ::close(fd);
+    if (done < 0) return error;
+    request->wLenDone = static_cast<uint32_t>(std::min<int>(done, request->wLength));
+    return 0;
+  }
+
+  void ReleaseDeviceInterface(UsbDeviceInterface* device) override { delete Interface(device); }
+
+  int AddInterestNotification(UsbService* service, UsbDeviceRemovedCallback callback, void* refCon,
+                              UsbNotification** notification) override {
+    auto* created = new LinuxUsbNotification;
+    created->syspath = udev_device_get_syspath(Device(service));
+    created->callback = callback;
+    created->refCon = refCon;
+    live_notifications_.insert(created);
+    *notification = created;
+    return 0;
+  }
+
+  void ReleaseNotification(UsbNotification* notification) override {
+    auto* registered = static_cast<LinuxUsbNotification*>(notification);
+    live_notifications_.erase(registered);
+    delete registered;
+  }
+
+  void ReleaseService(UsbService* service) override {
+    auto* linux_service = static_cast<LinuxUsbService*>(service);
+    udev_device_unref(linux_service->device);
+    delete linux_service;
+  }
+
+ private:
+  static udev_device* Device(UsbService* service) {
+    return static_cast<LinuxUsbService*>(service)->device;
+  }
+  static LinuxUsbDeviceInterface* Interface(UsbDeviceInterface* device) {
+    return static_cast<LinuxUsbDeviceInterface*>(device);
+  }
+
+  // Queues a device for the arrival handler, unless it was delivered already and is still there.
+  bool Deliver(udev_device* device) {
+    if (!delivered_.insert(udev_device_get_syspath(device)).second) {
+      udev_device_unref(device);
+      return false;
+    }
+    iterator_.pending.push_back(device);
+    return true;
+  }
+
+  void ReceiveEvent() {
+    udev_device* device = udev_monitor_receive_device(monitor_);
+    if (device == nullptr) return;
+    const char* action = udev_device_get_action(device);
+    const std::string verb = action != nullptr ? action : "";
+    if (verb == "add") {
+      if (Deliver(device)) added_callback_(added_refCon_, &iterator_);
+      return;
+    }
+    const std::string syspath = udev_device_get_syspath(device);
+    if (verb == "remove") delivered_.erase(syspath);
+    Notify(device, syspath,
+           verb == "remove" ? kUsbMessageServiceIsTerminated : kUsbMessageServiceChanged);
+    udev_device_unref(device);
+  }
+
+  // Tells every registration of this device; a callback may release its own registration.
+  void Notify(udev_device* device, const std::string& syspath, uint32_t messageType) {
+    std::vector<LinuxUsbNotification*> targets;
+    for (LinuxUsbNotification* notification : live_notifications_) {
+      if (notification->syspath == syspath) targets.push_back(notification);
+    }
+    LinuxUsbService service;
+    service.device = device;
+    for (LinuxUsbNotification* notification : targets) {
+      if (live_notifications_.count(notification) == 0) continue;
+      notification->callback(notification->refCon, &service, messageType, nullptr);
+    }
+  }
+
+  udev* udev_ = nullptr;
+  udev_monitor* monitor_ = nullptr;
+  int stop_fd_ = -1;
+  LinuxUsbIterator iterator_;
+  UsbDeviceAddedCallback added_callback_ = nullptr;
+  void* added_refCon_ = nullptr;
+  std::set<std::string> delivered_;
+  std::set<LinuxUsbNotification*> live_notifications_;
+};
+
+}  // namespace
+
+std::unique_ptr<UsbPlatform> CreateUsbPlatform() { return std::make_unique<LinuxUsbPlatform>(); }

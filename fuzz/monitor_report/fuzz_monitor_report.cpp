@@ -1,0 +1,46 @@
+// Any bytes as a report: the JSON line is always one line and, for valid JSON, the same document;
+// the table takes or refuses the text without harm and never prints a control byte from it.
+#include <json/json.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "DeviceTable.h"
+#include "JsonLines.h"
+#include "TableRenderer.h"
+
+namespace {
+
+bool ParseStrict(const std::string& text, Json::Value* value) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::string error;
+  return reader->parse(text.data(), text.data() + text.size(), value, &error);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+
+  const std::string line = monitor::CompactJson(text.data(), text.size());
+  if (line.find('\n') != std::string::npos || line.find('\r') != std::string::npos) std::abort();
+  Json::Value original, compacted;
+  if (ParseStrict(text, &original)) {
+    if (!ParseStrict(line, &compacted) || !(original == compacted)) std::abort();
+  }
+
+  monitor::DeviceTable table;
+  std::string error;
+  table.Apply(text, &error);
+  table.Apply(text, &error);  // the same report twice: marks and left rows move on
+  const std::string rendered = monitor::RenderTable(table, {false, ""});
+  for (unsigned char c : rendered) {
+    if ((c < 0x20 && c != '\n') || c == 0x7F) std::abort();
+  }
+  return 0;
+}

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Builds and runs every test. Usage: scripts/test.sh [plain|asan|tsan]   (default: plain)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/setup.sh
+
+kind="${1:-plain}"
+case "$kind" in
+  plain) dir=build;      sanitize="" ;;
+  asan)  dir=build-asan; sanitize=address ;;
+  tsan)  dir=build-tsan; sanitize=thread ;;
+  *) echo "usage: $0 [plain|asan|tsan]" >&2; exit 2 ;;
+esac
+
+cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPELMORA_WERROR=ON \
+  -DPELMORA_SANITIZE="$sanitize" -DPELMORA_BUILD_BENCH="$([ "$kind" = plain ] && echo ON || echo OFF)" >/dev/null
+cmake --build "$dir" -j"$(nproc)"
+
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:verify_asan_link_order=0}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp}"
+ctest --test-dir "$dir" --output-on-failure --timeout 300 -j2

@@ -1,0 +1,32 @@
+// The requests this library makes of the ADB server, each on a connection of its own and each
+// bounded by TARNWELL_REQUEST_TIMEOUT_MS from connect to last byte (connect alone by
+// TARNWELL_CONNECT_TIMEOUT_MS). Results are the codes of Tarnwell.h; `why` gets a line for the log.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tarnwell {
+
+// ANDROID_ADB_SERVER_PORT when set (1 to 65535), else 5037, read afresh on every call as adb
+// does. A value that is set and not a port gives TARNWELL_ERR_BAD_PORT, as adb refuses it too.
+int ServerPortFromEnvironment(std::uint16_t* port, std::string* why);
+
+// A host service answered by OKAY and a hex-length payload ("host:devices", "host:version").
+int QueryHostPayload(std::uint16_t port, std::string_view service, std::string* payload,
+                     std::string* why);
+
+int QueryServerVersion(std::uint16_t port, int* version, std::string* why);
+
+// "host:devices" as the list text ("serial-state;..."), with the number of devices.
+int QueryDeviceList(std::uint16_t port, std::string* list_text, int* device_count,
+                    std::string* why);
+
+// What the shell printed for `getprop <property>` on the device with this serial, raw.
+// *closed_early is set when the device's connection closed before the shell answered (the
+// server's FAIL "closed", or the stream ending before any status); the result is then OK.
+int QueryProperty(std::uint16_t port, std::string_view serial, std::string_view property,
+                  std::string* printed, bool* closed_early, std::string* why);
+
+}  // namespace tarnwell

@@ -1,0 +1,82 @@
+#include "HostProtocol.h"
+
+#include <cstring>
+
+namespace tarnwell {
+
+namespace {
+
+int HexDigitValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+void AppendWithoutTerminators(std::string* out, std::string_view text) {
+  for (char c : text) out->push_back(c == ';' ? ',' : c);
+}
+
+}  // namespace
+
+std::string EncodeRequest(std::string_view service) {
+  static const char kHex[] = "0123456789abcdef";
+  std::size_t length = service.size();
+  std::string request;
+  request.reserve(4 + length);
+  for (int shift = 12; shift >= 0; shift -= 4) request.push_back(kHex[(length >> shift) & 0xf]);
+  request.append(service);
+  return request;
+}
+
+ReplyStatus ParseStatus(std::string_view four_bytes) {
+  if (four_bytes == "OKAY") return ReplyStatus::kOkay;
+  if (four_bytes == "FAIL") return ReplyStatus::kFail;
+  return ReplyStatus::kMalformed;
+}
+
+bool ParseHexLength(std::string_view four_bytes, std::size_t* length) {
+  if (four_bytes.size() != 4) return false;
+  std::size_t value = 0;
+  for (char c : four_bytes) {
+    int digit = HexDigitValue(c);
+    if (digit < 0) return false;
+    value = value * 16 + static_cast<std::size_t>(digit);
+  }
+  *length = value;
+  return true;
+}
+
+bool DevicesToListText(std::string_view payload, std::string* list_text, int* device_count) {
+  std::string text;
+  int count = 0;
+  while (!payload.empty()) {
+    std::size_t end = payload.find('\n');
+    std::string_view line = payload.substr(0, end);
+    payload = end == std::string_view::npos ? std::string_view() : payload.substr(end + 1);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.empty()) continue;
+    std::size_t tab = line.find('\t');
+    if (tab == std::string_view::npos || tab == 0) return false;
+    AppendWithoutTerminators(&text, line.substr(0, tab));
+    text.push_back('-');
+    AppendWithoutTerminators(&text, line.substr(tab + 1));
+    text.push_back(';');
+    ++count;
+  }
+  *list_text = std::move(text);
+  *device_count = count;
+  return true;
+}
+
+std::size_t CopyPropertyValue(std::string_view printed, char* buffer, std::size_t size) {
+  while (!printed.empty() && (printed.back() == '\n' || printed.back() == '\r')) {
+    printed.remove_suffix(1);
+  }
+  std::size_t n = printed.size() < size - 1 ? printed.size() : size - 1;
+  if (n > 0) std::memcpy(buffer, printed.data(), n);
+  buffer[n] = '\0';
+  return n;
+}
+
+}  // namespace tarnwell

@@ -1,0 +1,264 @@
+// The exported C layer: argument checks, the remembered adb location, logging, and the promise
+// that no exception leaves. The work itself is in core/.
+#include "Tarnwell.h"
+
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <new>
+#include <string>
+#include <sys/stat.h>
+
+#include "AdbClient.h"
+#include "AdbLauncher.h"
+#include "Deadline.h"
+#include "HostProtocol.h"
+#include "Quenwick.h"
+
+namespace {
+
+constexpr char kLogCategory[] = "Tarnwell";
+constexpr char kClosedText[] = "error: closed";
+
+std::mutex s_settings_mutex;
+std::string s_resource_dir;  // guarded by s_settings_mutex
+
+// One start-up at a time: two would race to spawn adb on the same port. A flag under a mutex
+// rather than a timed_mutex, whose clock-based lock the thread sanitizer cannot follow.
+std::mutex s_start_mutex;
+std::condition_variable s_start_done;
+bool s_start_busy = false;  // guarded by s_start_mutex
+
+// Holds the start-up turn for its lifetime, when it got one before the deadline.
+class StartTurn {
+ public:
+  explicit StartTurn(const tarnwell::Deadline& deadline) {
+    std::unique_lock<std::mutex> lock(s_start_mutex);
+    held_ = s_start_done.wait_until(lock, deadline.When(), [] { return !s_start_busy; });
+    if (held_) s_start_busy = true;
+  }
+  ~StartTurn() {
+    if (!held_) return;
+    {
+      std::lock_guard<std::mutex> lock(s_start_mutex);
+      s_start_busy = false;
+    }
+    s_start_done.notify_one();
+  }
+  StartTurn(const StartTurn&) = delete;
+  StartTurn& operator=(const StartTurn&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  bool held_ = false;
+};
+
+// One line per failure: the server's messages ("device unauthorized.\nThis adb server's...")
+// span several lines.
+void LogFailure(const char* function, int code, std::string why) {
+  for (char& c : why) {
+    if (c == '\n' || c == '\r') c = ' ';
+  }
+  LogEx(kLogCategory, 3, "%s failed, error %d: %s", function, code, why.c_str());
+}
+
+// Runs body, turning any exception into a code and a log line.
+template <typename Body>
+int Guarded(const char* function, Body body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    LogFailure(function, TARNWELL_ERR_NO_MEMORY, "out of memory");
+    return TARNWELL_ERR_NO_MEMORY;
+  } catch (const std::exception& e) {
+    LogFailure(function, TARNWELL_ERR_IO, e.what());
+    return TARNWELL_ERR_IO;
+  } catch (...) {
+    LogFailure(function, TARNWELL_ERR_IO, "unknown exception");
+    return TARNWELL_ERR_IO;
+  }
+}
+
+bool IsDirectory(const char* path) {
+  struct stat info {};
+  return ::stat(path, &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::string RememberedResourceDir() {
+  std::lock_guard<std::mutex> lock(s_settings_mutex);
+  return s_resource_dir;
+}
+
+int CurrentPort(const char* function, std::uint16_t* port) {
+  std::string why;
+  int result = tarnwell::ServerPortFromEnvironment(port, &why);
+  if (result != TARNWELL_OK) LogFailure(function, result, why);
+  return result;
+}
+
+int ReadProperty(const char* function, const char* property, const char* serial, char* buffer,
+                 int size) {
+  if (serial == nullptr || *serial == '\0' || buffer == nullptr || size < 1) {
+    LogFailure(function, TARNWELL_ERR_BAD_ARGUMENT, "null or empty serial, null buffer or size < 1");
+    return TARNWELL_ERR_BAD_ARGUMENT;
+  }
+  std::uint16_t port = 0;
+  int result = CurrentPort(function, &port);
+  if (result != TARNWELL_OK) return result;
+  std::string printed;
+  std::string why;
+  bool closed_early = false;
+  result = tarnwell::QueryProperty(port, serial, property, &printed, &closed_early, &why);
+  if (result != TARNWELL_OK) {
+    LogFailure(function, result, std::string(serial) + ": " + why);
+    return result;
+  }
+  if (closed_early) {
+    LogEx(kLogCategory, 2, "%s: %s closed before answering", function, serial);
+    printed = kClosedText;
+  }
+  tarnwell::CopyPropertyValue(printed, buffer, static_cast<std::size_t>(size));
+  return TARNWELL_OK;
+}
+
+int StartDaemon(int flag) {
+  static const char kFunction[] = "AdbStartDaemon";
+  if (flag != 0 && flag != 1) {
+    LogFailure(kFunction, TARNWELL_ERR_BAD_ARGUMENT, "flag " + std::to_string(flag));
+    return TARNWELL_ERR_BAD_ARGUMENT;
+  }
+  tarnwell::Deadline deadline = tarnwell::Deadline::AfterMs(TARNWELL_START_TIMEOUT_MS);
+  StartTurn turn(deadline);
+  if (!turn.held()) {
+    LogFailure(kFunction, TARNWELL_ERR_TIMEOUT, "another start-up did not finish in time");
+    return TARNWELL_ERR_TIMEOUT;
+  }
+  std::uint16_t port = 0;
+  int result = CurrentPort(kFunction, &port);
+  if (result != TARNWELL_OK) return result;
+
+  std::string why;
+  if (flag == 1) {
+    int version = 0;
+    result = tarnwell::QueryServerVersion(port, &version, &why);
+    if (result == TARNWELL_OK) return TARNWELL_OK;
+    // Something listens but does not answer as it should: starting adb would not help and
+    // could take a working server away, so report it instead.
+    if (result != TARNWELL_ERR_NO_SERVER) {
+      LogFailure(kFunction, result, "server on port " + std::to_string(port) + ": " + why);
+      return result;
+    }
+  }
+  std::string adb = tarnwell::LocateAdb(RememberedResourceDir());
+  if (adb.empty()) {
+    LogFailure(kFunction, TARNWELL_ERR_NO_ADB, "no adb in the resource folder or on PATH");
+    return TARNWELL_ERR_NO_ADB;
+  }
+  result = tarnwell::StartServer(adb, port, deadline, &why);
+  if (result != TARNWELL_OK) LogFailure(kFunction, result, why);
+  return result;
+}
+
+int GetDevices(char** list, int* device_count) {
+  static const char kFunction[] = "AdbGetDevicesEx";
+  if (list == nullptr) {
+    LogFailure(kFunction, TARNWELL_ERR_BAD_ARGUMENT, "null list pointer");
+    return TARNWELL_ERR_BAD_ARGUMENT;
+  }
+  std::uint16_t port = 0;
+  int result = CurrentPort(kFunction, &port);
+  if (result != TARNWELL_OK) return result;
+  std::string text;
+  std::string why;
+  int count = 0;
+  result = tarnwell::QueryDeviceList(port, &text, &count, &why);
+  if (result != TARNWELL_OK) {
+    LogFailure(kFunction, result, why);
+    return result;
+  }
+  char* copy = nullptr;
+  if (!text.empty()) {
+    copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (copy == nullptr) {
+      LogFailure(kFunction, TARNWELL_ERR_NO_MEMORY, "list text");
+      return TARNWELL_ERR_NO_MEMORY;
+    }
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+  }
+  *list = copy;
+  if (device_count != nullptr) *device_count = count;
+  return TARNWELL_OK;
+}
+
+int SdkInit(const char* resource_dir, const char* config_dir, const char* log_dir) {
+  static const char kFunction[] = "AdbSdkInit";
+  const char* folders[] = {resource_dir, config_dir, log_dir};
+  for (const char* folder : folders) {
+    if (folder == nullptr || *folder == '\0') {
+      LogFailure(kFunction, TARNWELL_ERR_BAD_ARGUMENT, "null or empty folder");
+      return TARNWELL_ERR_BAD_ARGUMENT;
+    }
+    if (!IsDirectory(folder)) {
+      LogFailure(kFunction, TARNWELL_ERR_NO_FOLDER, std::string("no such folder: ") + folder);
+      return TARNWELL_ERR_NO_FOLDER;
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(s_settings_mutex);
+    s_resource_dir = resource_dir;
+  }
+  std::string adb = tarnwell::LocateAdb(resource_dir);
+  if (adb.empty()) {
+    LogFailure(kFunction, TARNWELL_ERR_NO_ADB,
+               std::string("no adb in ") + resource_dir + " or on PATH");
+    return TARNWELL_ERR_NO_ADB;
+  }
+  LogEx(kLogCategory, 1, "%s: using %s", kFunction, adb.c_str());
+  return TARNWELL_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+int AdbSdkInit(const char* resource_dir, const char* config_dir, const char* log_dir) {
+  return Guarded("AdbSdkInit", [&] { return SdkInit(resource_dir, config_dir, log_dir); });
+}
+
+int AdbStartDaemon(int flag, int /*reserved*/) {
+  return Guarded("AdbStartDaemon", [&] { return StartDaemon(flag); });
+}
+
+int AdbGetDevicesEx(char** list, int* device_count, int /*reserved*/) {
+  return Guarded("AdbGetDevicesEx", [&] { return GetDevices(list, device_count); });
+}
+
+int AdbFreeResource(char** list) {
+  if (list != nullptr) {
+    std::free(*list);
+    *list = nullptr;
+  }
+  return TARNWELL_OK;
+}
+
+int AdbGetPhoneSoftVersion(const char* serial, char* buffer, int size, int /*reserved*/) {
+  return Guarded("AdbGetPhoneSoftVersion", [&] {
+    return ReadProperty("AdbGetPhoneSoftVersion", "ro.build.version.release", serial, buffer, size);
+  });
+}
+
+int AdbGetPhoneManufacturer(const char* serial, char* buffer, int size, int /*reserved*/) {
+  return Guarded("AdbGetPhoneManufacturer", [&] {
+    return ReadProperty("AdbGetPhoneManufacturer", "ro.product.manufacturer", serial, buffer, size);
+  });
+}
+
+int AdbGetPhoneProductModel(const char* serial, char* buffer, int size, int /*reserved*/) {
+  return Guarded("AdbGetPhoneProductModel", [&] {
+    return ReadProperty("AdbGetPhoneProductModel", "ro.product.model", serial, buffer, size);
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,124 @@
+// The configuration shipped in config/: every line is either a remark the loaders skip or an entry
+// they accept, and the tables they build hold what the files say.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "LoadConfig.h"
+#include "LogCapture.h"
+
+namespace {
+
+const std::string kDir = PELMORA_SHIPPED_CONFIG_DIR;
+
+std::vector<std::string> Lines(const std::string& file) {
+  std::string text;
+  EXPECT_EQ(0, ReadTotalFile((kDir + "/" + file).c_str(), &text)) << file;
+  return split(text, "[\r\n]+");
+}
+
+bool IsRemark(const std::string& line) { return line.empty() || line[0] == ';'; }
+
+struct KeyNumber {
+  std::string key;
+  unsigned long number;
+};
+
+// Every line of a key-number file: remarks must be skipped by the grammar, the rest accepted.
+std::vector<KeyNumber> EntriesOf(const std::string& file) {
+  std::vector<KeyNumber> entries;
+  for (const std::string& line : Lines(file)) {
+    std::string key, number;
+    const bool accepted = MatchKeyNumberLine(line, &key, &number);
+    if (IsRemark(line)) {
+      EXPECT_FALSE(accepted) << file << ": a remark the loader would take as an entry: " << line;
+    } else {
+      EXPECT_TRUE(accepted) << file << ": an entry the loader would skip: " << line;
+      if (accepted) entries.push_back({key, std::stoul(number)});
+    }
+  }
+  return entries;
+}
+
+class ShippedConfig : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ASSERT_EQ(0, LoadVIDConfig(kDir.c_str()));
+    ASSERT_EQ(0, LoadiManufactureAndiProductConfig(kDir.c_str()));
+  }
+};
+
+TEST_F(ShippedConfig, VendorFileListsEachVendorOnceWithAValidUsbId) {
+  const std::vector<KeyNumber> entries = EntriesOf("AndroidVID.ini");
+  std::set<unsigned long> ids;
+  for (const KeyNumber& e : entries) {
+    EXPECT_GT(e.number, 0u) << e.key;
+    EXPECT_LE(e.number, 0xFFFFu) << e.key;
+    EXPECT_TRUE(ids.insert(e.number).second) << "vendor ID listed twice: " << e.number;
+  }
+  EXPECT_EQ(82u, entries.size());
+  ConfigTablesReadLock lock = LockConfigTablesForReading();
+  EXPECT_EQ(entries.size(), GetVIDConfigMap().size());
+}
+
+TEST_F(ShippedConfig, KnownMakersCarryTheirNames) {
+  const std::vector<std::pair<unsigned int, std::string>> known = {
+      {0x18D1, "Google"},  {0x04E8, "Samsung"}, {0x2717, "Xiaomi"},   {0x12D1, "Huawei"},
+      {0x22B8, "Motorola"}, {0x1004, "LG"},     {0x2A70, "OnePlus"},  {0x22D9, "OPPO"},
+      {0x0E8D, "MediaTek"}, {0x05C6, "Qualcomm"}, {0x0FCE, "Sony-Ericsson"}, {0x2D95, "vivo"}};
+  ConfigTablesReadLock lock = LockConfigTablesForReading();
+  const std::map<unsigned int, std::string>& vendors = GetVIDConfigMap();
+  for (const auto& [vid, name] : known) {
+    auto it = vendors.find(vid);
+    ASSERT_NE(vendors.end(), it) << std::hex << vid;
+    EXPECT_EQ(name, it->second);
+  }
+  EXPECT_EQ(0u, vendors.count(0x046D)) << "a peripheral maker (Logitech) is no Android vendor";
+}
+
+TEST_F(ShippedConfig, ProductListsOnlyNameListedVendorsAndNeverBothLists) {
+  std::set<unsigned long> vendors;
+  for (const KeyNumber& e : EntriesOf("AndroidVID.ini")) vendors.insert(e.number);
+  std::set<std::pair<unsigned long, unsigned long>> black;
+  for (const char* file : {"AndroidPIDBlack.ini", "AndroidPIDWhite.ini"}) {
+    const std::vector<KeyNumber> entries = EntriesOf(file);
+    EXPECT_FALSE(entries.empty()) << file;
+    for (const KeyNumber& e : entries) {
+      const unsigned long vid = std::stoul(e.key);
+      EXPECT_EQ(e.key, std::to_string(vid)) << file << ": the vendor must be plain decimal";
+      EXPECT_EQ(1u, vendors.count(vid)) << file << ": vendor " << vid << " is not in AndroidVID.ini";
+      EXPECT_LE(e.number, 0xFFFFu) << file;
+      if (std::string(file) == "AndroidPIDBlack.ini") {
+        black.insert({vid, e.number});
+      } else {
+        EXPECT_EQ(0u, black.count({vid, e.number})) << vid << ":" << e.number << " on both lists";
+      }
+    }
+  }
+}
+
+TEST_F(ShippedConfig, ListsAnswerForKnownProducts) {
+  EXPECT_TRUE(IsDeviceOnWhitePidList(0x18D1, 0x4EE7)) << "Android device with ADB";
+  EXPECT_TRUE(IsDeviceOnWhitePidList(0x04E8, 0x6860)) << "Samsung Galaxy, MTP";
+  EXPECT_FALSE(IsDeviceOnWhitePidList(0x04E8, 0x61F5)) << "Samsung Portable SSD T5";
+
+  log_capture::Clear();
+  EXPECT_TRUE(IsDeviceOnNon_AndroidList(0x8087, 0x0024, "hub")) << "Intel rate matching hub";
+  EXPECT_TRUE(IsDeviceOnNon_AndroidList(0x04E8, 0x61F5, "ssd")) << "Samsung Portable SSD T5";
+  EXPECT_TRUE(IsDeviceOnNon_AndroidList(0x046D, 0xC52B, "rx")) << "unknown vendor";
+  EXPECT_FALSE(IsDeviceOnNon_AndroidList(0x18D1, 0x4EE7, "phone"));
+  EXPECT_EQ(2, log_capture::CountContaining("Find non-android deivce"));
+}
+
+TEST_F(ShippedConfig, ManufacturerFileHoldsOnlyTwoFieldLinesBesidesRemarks) {
+  for (const std::string& line : Lines("iManufactureAndiProduct.ini")) {
+    std::string left, right;
+    EXPECT_EQ(!IsRemark(line), MatchTwoFieldLine(line, &left, &right)) << line;
+  }
+  EXPECT_EQ((std::vector<std::string>{"SAMSUNG_Android"}), GetManufactureProductList("SAMSUNG"));
+  EXPECT_EQ(11u, GetManufactureProductList("Google").size());
+}
+
+}  // namespace

@@ -1,0 +1,68 @@
+"""A private real adb server and simulated phones for the Python tests: every server gets a port
+of its own (picked by binding port 0) and a HOME of its own, and is killed by the test."""
+
+import os
+import socket
+import subprocess
+import sys
+
+
+def run(cmd, env=None, timeout=120, check=True, **kwargs):
+    result = subprocess.run(cmd, env=env, timeout=timeout, capture_output=True, text=True, **kwargs)
+    if check and result.returncode != 0:
+        sys.exit("FAILED (%d): %s\nstdout:\n%s\nstderr:\n%s"
+                 % (result.returncode, " ".join(cmd), result.stdout, result.stderr))
+    return result
+
+
+def expect(condition, message):
+    if not condition:
+        sys.exit("FAILED: " + message)
+
+
+def free_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+class PrivateAdb:
+    """A real adb server on a port of its own; env is what a client of it runs with."""
+
+    def __init__(self, work):
+        self.port = free_port()
+        home = os.path.join(work, "home")
+        os.makedirs(home, exist_ok=True)
+        self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port))
+        self.env.pop("ADB_VENDOR_KEYS", None)
+
+    def adb(self, *args, check=True):
+        return run(["adb", "-P", str(self.port)] + list(args), env=self.env, timeout=30,
+                   check=check)
+
+    def start(self):
+        self.adb("start-server")
+
+    def kill(self):
+        self.adb("kill-server", check=False)
+
+
+class SimPhone:
+    """pelmora-sim-phone attached to the private server with 'adb connect'; commands go to its
+    stdin (authorize, leave, return, quit)."""
+
+    def __init__(self, program, adb, model, *extra):
+        self.process = subprocess.Popen(
+            [program, "--model", model, "--connect"] + list(extra), env=adb.env,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+    def command(self, text):
+        self.process.stdin.write(text + "\n")
+        self.process.stdin.flush()
+
+    def stop(self):
+        try:
+            self.process.communicate("quit\n", timeout=10)
+        except (subprocess.TimeoutExpired, BrokenPipeError, ValueError):
+            self.process.kill()
+            self.process.communicate()

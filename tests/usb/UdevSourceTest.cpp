@@ -1,0 +1,196 @@
+// The Linux USB source through real libudev and usbfs calls, against devices that umockdev
+// simulates: the initial enumeration, add and remove events, control transfers answered by a
+// simulated device node, and the sysfs strings for a node that cannot be opened.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <thread>
+
+#include "FakeTarnwell.h"
+#include "ListenDeviceChangeMac.h"
+#include "LogCapture.h"
+#include "UsbTestLists.h"
+#include "UsbTestbed.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+SimulatedUsbDevice Phone(int number, const std::string& serial) {
+  SimulatedUsbDevice device;
+  device.number = number;
+  device.serial = serial;
+  device.vid = kAndroidVid;
+  device.pid = kPlainPid;
+  device.sysfs_manufacturer = "Acme";
+  device.sysfs_product = "Phone " + serial;
+  return device;
+}
+
+class UdevSource : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { LoadUsbTestFilterLists(); }
+
+  void SetUp() override {
+    ASSERT_TRUE(UmockdevPreloaded()) << "run with LD_PRELOAD=libumockdev-preload.so.0";
+    fake_adb::Reset();
+    log_capture::Clear();
+    SetUsbPlatformFactory(nullptr);  // the real Linux source
+    testbed_ = std::make_unique<UsbTestbed>();
+    watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
+  }
+
+  void TearDown() override {
+    watcher_->StopListen();
+    EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty());
+    testbed_.reset();
+  }
+
+  void Start() {
+    ASSERT_EQ(watcher_->StartListen(), 0);
+    ASSERT_TRUE(watcher_->WaitUntilListening(5s));
+  }
+  bool Has(const std::string& key) { return watcher_->CopyUSBDeviceMap().count(key) == 1; }
+  DeviceModleInfo Entry(const std::string& key) { return watcher_->CopyUSBDeviceMap().at(key); }
+  // Plugs a device the watcher records and waits for its entry: every event sent before it has
+  // been handled then, since events are handled in order.
+  void PlugAndWait(const SimulatedUsbDevice& device) {
+    testbed_->Plug(device);
+    ASSERT_TRUE(WaitFor([&] { return Has(*device.serial); })) << *device.serial;
+  }
+
+  std::unique_ptr<UsbTestbed> testbed_;
+  ListenDeviceChangeMac* watcher_ = nullptr;
+};
+
+TEST_F(UdevSource, DevicesAttachedBeforeTheStartAreInTheTableAfterTheInitialDrain) {
+  testbed_->Plug(Phone(2, "early-one"));
+  SimulatedUsbDevice no_serial = Phone(3, "unused");
+  no_serial.serial.reset();
+  testbed_->Plug(no_serial);
+  testbed_->Plug(Phone(4, "EARLY-TWO"));
+  Start();
+  const auto table = watcher_->CopyUSBDeviceMap();
+  ASSERT_EQ(table.size(), 2u);
+  EXPECT_EQ(table.at("early-two").serial, "EARLY-TWO");
+  EXPECT_EQ(table.at("early-one").vid, kAndroidVid);
+  EXPECT_EQ(table.at("early-one").pid, kPlainPid);
+}
+
+TEST_F(UdevSource, AddEventEntersADeviceAndRemoveEventTakesItOut) {
+  Start();
+  SimulatedUsbDevice no_serial = Phone(5, "unused");
+  no_serial.serial.reset();
+  testbed_->Plug(no_serial);
+  const std::string one = testbed_->Plug(Phone(6, "one"));
+  ASSERT_TRUE(WaitFor([&] { return Has("one"); }));
+  PlugAndWait(Phone(7, "two"));
+  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the device without serial left no trace";
+
+  testbed_->Unplug(one);
+  ASSERT_TRUE(WaitFor([&] { return !Has("one"); }));
+  EXPECT_TRUE(Has("two"));
+}
+
+TEST_F(UdevSource, StringsComeFromSysfsWhenTheNodeCannotBeOpened) {
+  SimulatedUsbDevice device = Phone(8, "fallback");
+  device.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9";  // UTF-8 é twice
+  device.sysfs_product = "\xE4\xB8\xAD-Phone";          // a CJK character
+  Start();
+  PlugAndWait(device);
+  const DeviceModleInfo entry = Entry("fallback");
+  EXPECT_EQ(entry.manufacturer, "Soci\xE9t\xE9") << "Latin-1 characters as one byte";
+  EXPECT_EQ(entry.product, "?-Phone");
+  EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 1) << "once per device";
+  EXPECT_TRUE(testbed_->Transfers().empty());
+}
+
+TEST_F(UdevSource, ManufacturerIndexZeroReadsTheLanguageTableFromEitherPath) {
+  SimulatedUsbDevice from_sysfs = Phone(9, "zero-sysfs");
+  from_sysfs.manufacturer_index = 0;
+  from_sysfs.sysfs_manufacturer.reset();
+  SimulatedUsbDevice from_node = Phone(10, "zero-node");
+  from_node.manufacturer_index = 0;
+  from_node.has_node = true;
+  from_node.strings[2] = u"Node";
+  Start();
+  PlugAndWait(from_sysfs);
+  PlugAndWait(from_node);
+  EXPECT_EQ(Entry("zero-sysfs").manufacturer, "?");
+  EXPECT_EQ(Entry("zero-node").manufacturer, "?");
+  EXPECT_EQ(Entry("zero-node").product, "Node");
+}
+
+TEST_F(UdevSource, ControlTransfersOnTheNodeAnswerTheStrings) {
+  SimulatedUsbDevice device = Phone(11, "node");
+  device.has_node = true;
+  device.sysfs_manufacturer = "Sysfs text is not used";
+  device.strings[1] = u"Acm\u00e9";
+  device.strings[2] = u"\u4e2d Phone";
+  SimulatedUsbDevice stalls = Phone(12, "stalls");
+  stalls.has_node = true;
+  stalls.strings[1] = u"Only";  // index 2 stalls
+  SimulatedUsbDevice gone = Phone(13, "gone");
+  gone.has_node = true;
+  gone.fail_with_errno = ENODEV;
+  Start();
+  PlugAndWait(device);
+  PlugAndWait(stalls);
+  PlugAndWait(gone);
+
+  EXPECT_EQ(Entry("node").manufacturer, "Acm\xE9");
+  EXPECT_EQ(Entry("node").product, "? Phone");
+  EXPECT_EQ(Entry("stalls").manufacturer, "Only");
+  EXPECT_EQ(Entry("stalls").product, "");
+  EXPECT_EQ(Entry("gone").manufacturer, "") << "a failed transfer gives an empty text";
+  EXPECT_EQ(log_capture::CountContaining("strings read by control transfer"), 3);
+  EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 0);
+  const auto transfers = testbed_->Transfers();
+  ASSERT_EQ(transfers.size(), 6u);
+  EXPECT_EQ(transfers[0].wValue, 0x0301);
+  EXPECT_EQ(transfers[0].wIndex, 0x0409);
+  EXPECT_EQ(transfers[0].wLength, 256);
+  EXPECT_EQ(transfers[1].wValue, 0x0302);
+}
+
+TEST_F(UdevSource, BrokenDescriptorsArePassedOverWithTheirLines) {
+  SimulatedUsbDevice missing = Phone(14, "no-descriptors");
+  missing.descriptors = std::vector<unsigned char>{};
+  SimulatedUsbDevice truncated = Phone(15, "truncated");
+  truncated.descriptors = std::vector<unsigned char>{18, 1, 0, 2};
+  Start();
+  testbed_->Plug(missing);
+  testbed_->Plug(truncated);
+  PlugAndWait(Phone(16, "sentinel"));
+  EXPECT_FALSE(Has("no-descriptors"));
+  EXPECT_FALSE(Has("truncated"));
+  char missing_line[64];
+  std::snprintf(missing_line, sizeof missing_line, "IOCreatePlugInInterfaceForService returned 0x%08x.\n",
+                ENOENT);
+  EXPECT_EQ(log_capture::Count(3, missing_line), 1);
+  EXPECT_EQ(log_capture::Count(1, "no io usb device info"), 1);
+}
+
+TEST_F(UdevSource, StopEndsTheThreadAndARestartSeesTheDevicesAgain) {
+  testbed_->Plug(Phone(17, "stays"));
+  Start();
+  EXPECT_TRUE(Has("stays"));
+  watcher_->StopListen();
+  EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty());
+  Start();
+  EXPECT_TRUE(Has("stays"));
+  PlugAndWait(Phone(18, "after"));
+}
+
+}  // namespace

@@ -1,0 +1,64 @@
+// Simulated USB devices for the Linux source, on umockdev: a sysfs with the attributes the kernel
+// gives a USB device, uevents of our making and, where asked, a device node whose
+// USBDEVFS_CONTROL requests a handler answers. The process must run with umockdev's preload
+// library (LD_PRELOAD=libumockdev-preload.so.0, or under umockdev-wrapper).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct SimulatedUsbDevice {
+  int number = 0;  // device address on bus 1; also names the sysfs path
+  std::optional<std::string> serial;
+  uint16_t vid = 0;
+  uint16_t pid = 0;
+  uint8_t manufacturer_index = 1;
+  uint8_t product_index = 2;
+  // The kernel's UTF-8 copies in sysfs; absent attributes when not set.
+  std::optional<std::string> sysfs_manufacturer;
+  std::optional<std::string> sysfs_product;
+  // The "descriptors" attribute; the 18-byte device descriptor of the fields above when empty.
+  std::optional<std::vector<unsigned char>> descriptors;
+  // With a device node: string descriptors by index, as UTF-16 code units. An index without an
+  // entry stalls; 0 answers the language table.
+  bool has_node = false;
+  std::map<uint8_t, std::u16string> strings;
+  int fail_with_errno = 0;  // every control transfer fails with this, when not 0
+};
+
+class UsbTestbed {
+ public:
+  UsbTestbed();
+  ~UsbTestbed();
+  UsbTestbed(const UsbTestbed&) = delete;
+  UsbTestbed& operator=(const UsbTestbed&) = delete;
+
+  // Adds the device (sending "add") and returns its sysfs path.
+  std::string Plug(const SimulatedUsbDevice& device);
+  // Takes the device out as the kernel does: its attributes go, "remove" is sent.
+  void Unplug(const std::string& syspath);
+
+  // Sends one uevent ("add", "remove", "change") for a device that stays in sysfs.
+  void SendUevent(const std::string& syspath, const char* action);
+
+  // Control transfers answered so far, as (wValue, wIndex, wLength).
+  struct Transfer {
+    uint16_t wValue, wIndex, wLength;
+  };
+  std::vector<Transfer> Transfers();
+
+  struct Handler;  // one per device node
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// True when umockdev's preload library is in this process (checked without asking umockdev,
+// whose first answer must come after a testbed exists).
+bool UmockdevPreloaded();

@@ -1,0 +1,362 @@
+// The watcher logic through a simulated platform: string descriptor decoding, arrival and
+// termination, the validity check and every failure line, with the ADB service library and the
+// log library replaced by in-memory stand-ins.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "FakeTarnwell.h"
+#include "FakeUsbPlatform.h"
+#include "ListenDeviceChangeMac.h"
+#include "LogCapture.h"
+#include "UsbTestLists.h"
+
+using fake_usb::Device;
+using fake_usb::StringAnswer;
+using fake_usb::Text;
+
+namespace {
+
+class FilterLists : public ::testing::Environment {
+ public:
+  void SetUp() override { LoadUsbTestFilterLists(); }
+};
+const auto* const kFilterLists = ::testing::AddGlobalTestEnvironment(new FilterLists);
+
+Device Phone(const std::string& id, uint16_t vid = kAndroidVid, uint16_t pid = kPlainPid) {
+  Device device;
+  device.id = id;
+  device.serial = id;
+  device.vid = vid;
+  device.pid = pid;
+  device.strings[1] = Text("Acme");
+  device.strings[2] = Text("Phone " + id);
+  return device;
+}
+
+std::string ManufacturerAnswer(const std::string& value) {
+  fake_adb::Script script;
+  script.property = [value](const std::string&, const std::string& property, std::string* out) {
+    if (property != "ro.product.manufacturer") return 0;
+    *out = value;
+    return 0;
+  };
+  fake_adb::SetScript(script);
+  return value;
+}
+
+void AdbFailsWith(int code) {
+  fake_adb::Script script;
+  script.property = [code](const std::string&, const std::string&, std::string*) { return code; };
+  fake_adb::SetScript(script);
+}
+
+int AdbManufacturerCalls() {
+  int n = 0;
+  for (const std::string& call : fake_adb::Calls()) n += call.rfind("AdbGetPhoneManufacturer", 0) == 0;
+  return n;
+}
+
+class Watcher : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fake_adb::Reset();
+    log_capture::Clear();
+    world_ = std::make_shared<fake_usb::World>();
+    SetUsbPlatformFactory(world_->Factory());
+    watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
+  }
+
+  void TearDown() override {
+    watcher_->StopListen();
+    const fake_usb::Handles left = world_->Outstanding();
+    EXPECT_EQ(left.services, 0);
+    EXPECT_EQ(left.plugins, 0);
+    EXPECT_EQ(left.interfaces, 0);
+    EXPECT_EQ(left.notifications, 0);
+    EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty()) << "a stopped watcher leaves no entry";
+    SetUsbPlatformFactory(nullptr);
+  }
+
+  void Start() {
+    ASSERT_EQ(watcher_->StartListen(), 0);
+    ASSERT_TRUE(watcher_->WaitUntilListening(std::chrono::seconds(5)));
+  }
+  void Plug(const Device& device) {
+    world_->Plug(device);
+    ASSERT_TRUE(world_->WaitIdle());
+  }
+  void Unplug(const std::string& id) {
+    world_->Unplug(id);
+    ASSERT_TRUE(world_->WaitIdle());
+  }
+  std::map<std::string, DeviceModleInfo> Table() { return watcher_->CopyUSBDeviceMap(); }
+
+  std::shared_ptr<fake_usb::World> world_;
+  ListenDeviceChangeMac* watcher_ = nullptr;
+};
+
+// ---------------------------------------------------------------------------------------------
+
+TEST_F(Watcher, DecodesStringDescriptorsByTheirLowByteUpToTheFirstZeroUnit) {
+  struct Case {
+    std::string id;
+    StringAnswer answer;
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {"sams", {{0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}}, "Sams"},
+      {"wrong-type", {{0x0A, 0x04, 'S', 0, 'a', 0, 'm', 0, 's', 0}}, ""},
+      {"short-transfer", {{0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}, 0, 8u}, ""},
+      {"long-transfer", {{0x08, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}}, ""},
+      {"failed-request", {{0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}, 0x1F}, ""},
+      {"latin1", {{0x06, 0x03, 'C', 0, 0xE9, 0x00}}, "C\xE9"},
+      {"cjk", {{0x06, 0x03, 0x2D, 0x4E, 'x', 0}}, "?x"},
+      {"zero-unit", {{0x08, 0x03, 'A', 0, 0, 0, 'B', 0}}, "A"},
+      {"zero-low-byte", {{0x06, 0x03, 0x00, 0x01, 'B', 0}}, "?B"},
+      {"too-short", {{0x02, 0x03}}, ""},
+      {"odd-length", {{0x05, 0x03, 'A', 0, 'B'}}, "AB"},
+  };
+  Start();
+  for (const Case& c : cases) {
+    Device device = Phone(c.id);
+    device.strings[1] = c.answer;
+    Plug(device);
+  }
+  const auto table = Table();
+  for (const Case& c : cases) {
+    ASSERT_EQ(table.count(c.id), 1u) << c.id;
+    EXPECT_EQ(table.at(c.id).manufacturer, c.expected) << c.id;
+    EXPECT_EQ(table.at(c.id).product, "Phone " + c.id) << c.id;
+  }
+}
+
+TEST_F(Watcher, AsksForStringsWithTheStandardRequestIndexZeroIncluded) {
+  Device device = Phone("lang");
+  device.manufacturer_index = 0;
+  device.strings[0] = {{0x04, 0x03, 0x09, 0x04}};  // the language table
+  Start();
+  Plug(device);
+  EXPECT_EQ(Table().at("lang").manufacturer, "?");
+  const auto requests = world_->Requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].bmRequestType, 0x80);
+  EXPECT_EQ(requests[0].bRequest, 6);
+  EXPECT_EQ(requests[0].wValue, 0x0300);
+  EXPECT_EQ(requests[0].wIndex, 0x0409);
+  EXPECT_EQ(requests[0].wLength, 256);
+  EXPECT_EQ(requests[1].wValue, 0x0302);
+}
+
+TEST_F(Watcher, RecordsAttachedDevicesBeforeListeningAndKeepsSerialCase) {
+  world_->attached = {Phone("SER1AL"), Phone("second")};
+  Start();
+  const auto table = Table();
+  ASSERT_EQ(table.size(), 2u);
+  const DeviceModleInfo& first = table.at("ser1al");
+  EXPECT_EQ(first.serial, "SER1AL");
+  EXPECT_EQ(first.vid, kAndroidVid);
+  EXPECT_EQ(first.pid, kPlainPid);
+  EXPECT_EQ(first.manufacturer, "Acme");
+  EXPECT_EQ(first.product, "Phone SER1AL");
+  EXPECT_EQ(first.reported_manufacturer, "");
+  EXPECT_EQ(first.reported_model, "");
+  EXPECT_EQ(world_->Outstanding().notifications, 2);
+  EXPECT_EQ(world_->Outstanding().interfaces, 2) << "kept for the device's lifetime";
+  EXPECT_EQ(world_->Outstanding().services, 0);
+}
+
+TEST_F(Watcher, DeviceWithoutUsableSerialLeavesNoTrace) {
+  Device absent = Phone("absent");
+  absent.serial.reset();
+  Device empty = Phone("empty");
+  empty.serial = "";
+  Device too_long = Phone("too-long", kUnknownVid);
+  too_long.serial = std::string(260, 'x');
+  Device longest = Phone("longest");
+  longest.serial = std::string(259, 'y');
+  Start();
+  Plug(absent);
+  Plug(empty);
+  Plug(too_long);
+  EXPECT_TRUE(Table().empty());
+  EXPECT_TRUE(log_capture::Lines().empty());
+  EXPECT_TRUE(fake_adb::Calls().empty());
+  EXPECT_TRUE(world_->Requests().empty()) << "nothing is asked of a device without serial";
+  EXPECT_EQ(world_->Outstanding().notifications, 0);
+  EXPECT_EQ(world_->Outstanding().services, 0);
+  Plug(longest);
+  EXPECT_EQ(Table().count(std::string(259, 'y')), 1u);
+}
+
+TEST_F(Watcher, TerminationRemovesTheEntryAndReleasesTheDevice) {
+  Start();
+  Plug(Phone("one"));
+  Plug(Phone("two"));
+  world_->Message("one", 0xE0000020);  // some other notification about the device
+  ASSERT_TRUE(world_->WaitIdle());
+  EXPECT_EQ(Table().size(), 2u);
+  EXPECT_EQ(world_->Outstanding().notifications, 2);
+  Unplug("one");
+  const auto table = Table();
+  EXPECT_EQ(table.count("one"), 0u);
+  EXPECT_EQ(table.count("two"), 1u);
+  EXPECT_EQ(world_->Outstanding().notifications, 1);
+  EXPECT_EQ(world_->Outstanding().interfaces, 1);
+  Unplug("one");  // a second termination finds no registration
+  EXPECT_EQ(Table().size(), 1u);
+}
+
+TEST_F(Watcher, DevicesSharingAKeySerialShareOneEntryUntilTheFirstLeaves) {
+  Device upper = Phone("upper");
+  upper.serial = "ABC123";
+  upper.strings[1] = Text("First");
+  Device lower = Phone("lower");
+  lower.serial = "abc123";
+  lower.strings[1] = Text("Second");
+  Start();
+  Plug(upper);
+  Plug(lower);
+  auto table = Table();
+  ASSERT_EQ(table.size(), 1u);
+  EXPECT_EQ(table.at("abc123").serial, "ABC123");
+  EXPECT_EQ(table.at("abc123").manufacturer, "First");
+  EXPECT_EQ(world_->Outstanding().notifications, 2) << "both are registered";
+  Unplug("lower");
+  EXPECT_TRUE(Table().empty()) << "the first termination takes the shared entry out";
+  Unplug("upper");
+  EXPECT_TRUE(Table().empty());
+  EXPECT_EQ(world_->Outstanding().notifications, 0);
+}
+
+TEST_F(Watcher, FailedTerminationRegistrationKeepsTheEntry) {
+  Device device = Phone("stuck");
+  device.interest_result = static_cast<int>(0xE00002BC);
+  Start();
+  Plug(device);
+  EXPECT_EQ(log_capture::Count(3, "IOServiceAddInterestNotification failed, return 0xe00002bc."), 1);
+  Unplug("stuck");
+  EXPECT_EQ(Table().count("stuck"), 1u) << "no termination arrives for it";
+}
+
+TEST_F(Watcher, DevicesWithoutAnInterfaceArePassedOverWithTheirLogLines) {
+  Device refused = Phone("refused");
+  refused.plugin_result = static_cast<int>(0xE00002C7);
+  Device empty = Phone("empty");
+  empty.plugin_missing = true;
+  Device no_interface = Phone("no-interface");
+  no_interface.interface_result = 0x7;
+  Start();
+  Plug(refused);
+  Plug(empty);
+  Plug(no_interface);
+  EXPECT_TRUE(Table().empty());
+  EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0xe00002c7.\n"), 1);
+  EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0x00000000.\n"), 1);
+  EXPECT_EQ(log_capture::Count(1, "no io usb device info"), 1);
+  for (const log_capture::Line& line : log_capture::Lines()) EXPECT_FALSE(line.has_category);
+  EXPECT_EQ(world_->Outstanding().plugins, 0);
+  EXPECT_EQ(world_->Outstanding().interfaces, 0);
+}
+
+TEST_F(Watcher, DeviceRejectedAfterAnAdbErrorIsNotRecordedAndNotAskedAgain) {
+  AdbFailsWith(7);
+  Device stick = Phone("STICK", kUnknownVid, 5);
+  Start();
+  Plug(stick);
+  EXPECT_TRUE(Table().empty());
+  EXPECT_EQ(log_capture::Count(
+                2, "android device disconnected or invalid,ret=7, key serial:STICK, vid:4660, pid:5"),
+            1);
+  EXPECT_EQ(fake_adb::Calls(), std::vector<std::string>{"AdbGetPhoneManufacturer:STICK"});
+  EXPECT_EQ(world_->Outstanding().interfaces, 0);
+  EXPECT_EQ(world_->Outstanding().notifications, 0);
+  world_->Message("STICK", 0xE0000020);
+  ASSERT_TRUE(world_->WaitIdle());
+  EXPECT_EQ(AdbManufacturerCalls(), 1) << "a passed-over device is not looked at again";
+}
+
+TEST_F(Watcher, WhiteListedAndListAcceptedDevicesNeverReachAdb) {
+  AdbFailsWith(7);
+  Start();
+  Plug(Phone("white", kAndroidVid, kWhitePid));
+  Plug(Phone("plain", kAndroidVid, kPlainPid));
+  EXPECT_EQ(Table().size(), 2u);
+  EXPECT_EQ(AdbManufacturerCalls(), 0);
+  EXPECT_TRUE(log_capture::Lines().empty());
+}
+
+TEST_F(Watcher, BlackListedDeviceIsRecordedWhenAdbNamesItsManufacturer) {
+  ManufacturerAnswer("Acme");
+  Start();
+  Plug(Phone("known", kAndroidVid, kBlackPid));
+  EXPECT_EQ(Table().count("known"), 1u);
+  EXPECT_EQ(AdbManufacturerCalls(), 1);
+}
+
+TEST_F(Watcher, StartStopAndRestart) {
+  world_->attached = {Phone("early")};
+  Start();
+  Plug(Phone("late"));
+  EXPECT_EQ(watcher_->StartListen(), 0) << "a second start leaves the running thread alone";
+  ASSERT_TRUE(world_->WaitIdle());
+  EXPECT_EQ(world_->PlatformsCreated(), 1);
+  EXPECT_EQ(Table().size(), 2u);
+
+  watcher_->StopListen();
+  EXPECT_TRUE(Table().empty());
+  EXPECT_EQ(world_->Outstanding().notifications, 0);
+  watcher_->StopListen();  // after the thread ended: nothing to do
+
+  Start();
+  EXPECT_EQ(world_->PlatformsCreated(), 2);
+  EXPECT_EQ(Table().size(), 1u) << "the new thread drains the attached devices again";
+}
+
+TEST_F(Watcher, SetUpFailuresEndTheThreadWithTheirLines) {
+  world_->matching_fails = true;
+  ASSERT_EQ(watcher_->StartListen(), 0);
+  ASSERT_TRUE(watcher_->WaitUntilListening(std::chrono::seconds(5)));
+  watcher_->StopListen();
+  EXPECT_EQ(log_capture::Count(3, "IOServiceMatching return NULL!"), 1);
+
+  world_->matching_fails = false;
+  world_->add_matching_result = 0x10;
+  EXPECT_EQ(watcher_->StartListenThread(), 4);
+  EXPECT_EQ(log_capture::Count(3, "IOServiceAddMatchingNotification failed, return 0x00000010"), 1);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The validity check on its own.
+
+TEST(IsAndroidValid, AsksAdbOnlyForDevicesTheListsCallNonAndroid) {
+  fake_adb::Reset();
+  log_capture::Clear();
+  AdbFailsWith(7);
+  EXPECT_TRUE(IsAndroidValid(kAndroidVid, kWhitePid, "W")) << "white list wins over black list";
+  EXPECT_TRUE(IsAndroidValid(kAndroidVid, kPlainPid, "P"));
+  EXPECT_TRUE(fake_adb::Calls().empty());
+  EXPECT_TRUE(log_capture::Lines().empty());
+
+  EXPECT_FALSE(IsAndroidValid(kAndroidVid, kBlackPid, "Bl"));
+  EXPECT_EQ(log_capture::Count(
+                2, "android device disconnected or invalid,ret=7, key serial:Bl, vid:6353, pid:11"),
+            1);
+
+  ManufacturerAnswer("");
+  EXPECT_FALSE(IsAndroidValid(65535, 65535, "Un"));
+  EXPECT_EQ(log_capture::Count(2, "invalid android devices,ret=0, key serial:Un, vid:65535, pid:65535"),
+            1);
+  for (const log_capture::Line& line : log_capture::Lines()) {
+    if (line.level == 2) {
+      EXPECT_EQ(line.category, "Pelmora");
+    }
+  }
+
+  ManufacturerAnswer("Acme");
+  log_capture::Clear();
+  EXPECT_TRUE(IsAndroidValid(kUnknownVid, 3, "Named"));
+  EXPECT_TRUE(log_capture::Lines().empty());
+}
+
+}  // namespace

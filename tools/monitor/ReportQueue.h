@@ -1,0 +1,32 @@
+// Hands reports from the library's poll thread to the monitor's main thread.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace monitor {
+
+// Push never blocks: it queues a copy and writes one byte to a non-blocking pipe whose read end
+// the main thread polls beside the signal pipe.
+class ReportQueue {
+ public:
+  ReportQueue();
+  ~ReportQueue();
+  ReportQueue(const ReportQueue&) = delete;
+  ReportQueue& operator=(const ReportQueue&) = delete;
+
+  bool ok() const { return read_fd_ >= 0; }
+  int wake_fd() const { return read_fd_; }
+
+  void Push(const char* text, int length);  // any thread
+  std::vector<std::string> TakeAll();       // empties the queue and the wake-up pipe
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> reports_;
+  int read_fd_ = -1;
+  int write_fd_ = -1;
+};
+
+}  // namespace monitor

@@ -1,0 +1,134 @@
+#include "PrivateAdbServer.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include "Deadline.h"
+
+namespace sim_phone {
+
+namespace {
+
+constexpr int kStartTimeoutMs = 10000;
+constexpr int kKillTimeoutMs = 3000;
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::string CommandLineOf(const std::string& pid) {
+  std::ifstream in("/proc/" + pid + "/cmdline", std::ios::binary);
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  for (char& c : text) {
+    if (c == '\0') c = ' ';
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string PrivateAdbServer::FindAdb() { return tarnwell::FindOnPath("adb"); }
+
+std::uint16_t PrivateAdbServer::FreePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw std::runtime_error("socket failed");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    ::close(fd);
+    throw std::runtime_error("cannot bind a loopback port");
+  }
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+PrivateAdbServer::PrivateAdbServer() : port_(FreePort()), adb_(FindAdb()) {
+  std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-adb-home-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  home_ = pattern;
+}
+
+PrivateAdbServer::~PrivateAdbServer() {
+  KillServer();
+  std::error_code ignored;
+  std::filesystem::remove_all(home_, ignored);
+}
+
+std::vector<std::string> PrivateAdbServer::Environment() const {
+  return {"HOME=" + home_, "ANDROID_ADB_SERVER_PORT=" + std::to_string(port_)};
+}
+
+void PrivateAdbServer::ApplyToThisProcess() const {
+  ::setenv("HOME", home_.c_str(), 1);
+  ::setenv("ANDROID_ADB_SERVER_PORT", std::to_string(port_).c_str(), 1);
+}
+
+tarnwell::ProcessOutcome PrivateAdbServer::Adb(const std::vector<std::string>& args,
+                                               int timeout_ms) const {
+  std::vector<std::string> argv = {adb_.empty() ? std::string("adb") : adb_, "-P",
+                                   std::to_string(port_)};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return tarnwell::RunProcess(argv, Environment(), tarnwell::Deadline::AfterMs(timeout_ms));
+}
+
+bool PrivateAdbServer::Start(std::string* why) {
+  tarnwell::ProcessOutcome run = Adb({"start-server"}, kStartTimeoutMs);
+  bool ok = run.started && !run.timed_out && run.exit_code == 0;
+  if (!ok && why != nullptr) *why = run.error + run.output;
+  return ok;
+}
+
+bool PrivateAdbServer::Connect(std::uint16_t phone_port, std::string* output) const {
+  // adb waits up to 10 s for a daemon that never answers; allow it that and a little more.
+  tarnwell::ProcessOutcome run = Adb({"connect", "127.0.0.1:" + std::to_string(phone_port)}, 15000);
+  if (output != nullptr) *output = run.output;
+  return run.exit_code == 0 && Contains(run.output, "connected to");
+}
+
+void PrivateAdbServer::Disconnect(std::uint16_t phone_port) const {
+  Adb({"disconnect", "127.0.0.1:" + std::to_string(phone_port)});
+}
+
+std::vector<pid_t> PrivateAdbServer::ServerProcesses() const {
+  std::vector<pid_t> pids;
+  std::string marker = "tcp:" + std::to_string(port_) + " fork-server";
+  DIR* proc = ::opendir("/proc");
+  if (proc == nullptr) return pids;
+  while (dirent* entry = ::readdir(proc)) {
+    std::string name = entry->d_name;
+    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (Contains(CommandLineOf(name), marker)) pids.push_back(static_cast<pid_t>(std::stoi(name)));
+  }
+  ::closedir(proc);
+  return pids;
+}
+
+void PrivateAdbServer::KillServer() {
+  if (ServerProcesses().empty()) return;
+  Adb({"kill-server"}, kKillTimeoutMs);
+  tarnwell::Deadline deadline = tarnwell::Deadline::AfterMs(kKillTimeoutMs);
+  for (;;) {
+    std::vector<pid_t> left = ServerProcesses();
+    if (left.empty()) return;
+    if (deadline.Expired()) {
+      for (pid_t pid : left) ::kill(pid, SIGKILL);
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+}  // namespace sim_phone
