@@ -153,9 +153,11 @@ void BM_EmulatedNodeMemory(benchmark::State& state) {
     SimulatedUsbDevice device = BenchPhone(true);
     device.number = 10;  // a node of its own, which no watcher ever saw
     testbed.Plug(device);
+    char node[32];
+    std::snprintf(node, sizeof node, "/dev/bus/usb/001/%03d", device.number);
     long after_warm_up = 0;
     for (int i = 0; i < 20000 && !state.error_occurred(); ++i) {
-      if (!OneBareStringTransfer("/dev/bus/usb/001/010")) state.SkipWithError("transfer failed");
+      if (!OneBareStringTransfer(node)) state.SkipWithError("transfer failed");
       if (i == 1999) after_warm_up = ResidentKiB();
     }
     state.counters["growth_KiB"] = static_cast<double>(ResidentKiB() - after_warm_up);
