@@ -297,9 +297,13 @@ TEST_F(Session, CtrlCWhileTheServerStartsEndsWithoutListening) {
   fake_.signal_during_adb_start = SIGINT;
   EXPECT_EQ(monitor::kExitOk, monitor::RunMonitor(kFakeApi, settings_));
   EXPECT_EQ(0, fake_.start_calls.load());
-  struct sigaction now = {};
-  sigaction(SIGINT, nullptr, &now);
-  EXPECT_EQ(SIG_DFL, now.sa_handler) << "the handlers are put back after the session";
+  sigset_t mask;
+  pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  EXPECT_FALSE(sigismember(&mask, SIGINT)) << "the mask is put back after the session";
+  EXPECT_FALSE(sigismember(&mask, SIGTERM));
+  struct sigaction sigpipe = {};
+  sigaction(SIGPIPE, nullptr, &sigpipe);
+  EXPECT_EQ(SIG_DFL, sigpipe.sa_handler);
 }
 
 }  // namespace

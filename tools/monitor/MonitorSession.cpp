@@ -229,9 +229,7 @@ int RunMonitor(const PelmoraApi& api, const SessionSettings& settings) {
   if (signals.Drain() > 0) return kExitOk;  // Ctrl-C while the server was starting
 
   SessionQueue().TakeAll();  // nothing of an earlier session
-  ShutdownSignals::BlockInThisThread();  // the library's threads inherit the mask
   const int listen = api.start_listen(&OnReport);
-  ShutdownSignals::Unblock();
   if (listen != 0) {
     settings.err("pelmora-monitor: StartListenAndroidDevice failed with code " +
                  std::to_string(listen) + "\n");

@@ -1,27 +1,33 @@
-// SIGINT and SIGTERM as bytes on a pipe (the self-pipe trick): the handler only writes, the main
-// thread polls the read end and does the work, so nothing but write() runs in signal context.
+// SIGINT and SIGTERM read from a signalfd: they stay blocked in every thread of the session and
+// the main thread polls for them, so no code runs in signal context and nothing can fall between
+// a handler and the poll. (On macOS a kqueue EVFILT_SIGNAL plays the same part.)
 #pragma once
+
+#include <signal.h>
 
 namespace monitor {
 
 class ShutdownSignals {
  public:
-  // Installs the handlers (SIGPIPE is ignored, so a closed stdout is an error code, not a death).
+  // Blocks SIGINT and SIGTERM in the calling thread. Made before the library starts a thread, so
+  // every thread it starts inherits the mask. Ignores SIGPIPE: a closed stdout is an error code,
+  // not a death.
   ShutdownSignals();
-  // Puts the previous handlers back.
+  // Takes what is still pending, then puts the previous mask and SIGPIPE disposition back.
   ~ShutdownSignals();
   ShutdownSignals(const ShutdownSignals&) = delete;
   ShutdownSignals& operator=(const ShutdownSignals&) = delete;
 
-  bool ok() const;
-  int fd() const;
+  bool ok() const { return fd_ >= 0; }
+  // Readable while a signal is pending.
+  int fd() const { return fd_; }
   // Reads what is pending; returns how many signals arrived since the last call.
   int Drain();
 
-  // Blocks SIGINT and SIGTERM in the calling thread; threads it creates afterwards inherit that,
-  // so the library's threads never run the handler. Unblock() lifts it again.
-  static void BlockInThisThread();
-  static void Unblock();
+ private:
+  int fd_ = -1;
+  sigset_t old_mask_;
+  struct sigaction old_sigpipe_ = {};
 };
 
 }  // namespace monitor
