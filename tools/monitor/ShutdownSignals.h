@@ -1,6 +1,6 @@
 // SIGINT and SIGTERM read from a signalfd: they stay blocked in every thread of the session and
-// the main thread polls for them, so no code runs in signal context and nothing can fall between
-// a handler and the poll. (On macOS a kqueue EVFILT_SIGNAL plays the same part.)
+// the main thread polls for them. No handler runs, so no code runs in signal context and no signal
+// waits on a handler that may never be called. (On macOS a kqueue EVFILT_SIGNAL does the same.)
 #pragma once
 
 #include <signal.h>
