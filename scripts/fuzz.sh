@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang and runs each for a bounded time.
-# Usage: scripts/fuzz.sh [seconds per target]   (default 30)
+# Usage: scripts/fuzz.sh [seconds per target]   (default 60)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-seconds="${1:-30}"
+seconds="${1:-60}"
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DPELMORA_BUILD_FUZZ=ON -DPELMORA_BUILD_TESTS=OFF -DPELMORA_BUILD_BENCH=OFF -DPELMORA_WERROR=ON >/dev/null
 cmake --build build-fuzz -j"$(nproc)"

@@ -1,74 +1,46 @@
 #include "JsonLines.h"
 
+#include <json/json.h>
+
+#include <memory>
+
 namespace monitor {
 
 namespace {
 
-bool IsJsonWhiteSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
-void AppendControlEscape(unsigned char c, std::string* out) {
-  static const char kHex[] = "0123456789abcdef";
-  out->append("\\u00");
-  out->push_back(kHex[c >> 4]);
-  out->push_back(kHex[c & 0xF]);
+// Built once: both are only read afterwards, and the monitor's main thread is their only user.
+const Json::CharReaderBuilder& StrictReader() {
+  static const Json::CharReaderBuilder builder = [] {
+    Json::CharReaderBuilder b;
+    Json::CharReaderBuilder::strictMode(&b.settings_);
+    return b;
+  }();
+  return builder;
 }
 
-// JsonCpp's reader takes "//" and "/* */" comments between tokens even in strict mode. Joining
-// lines would let a "//" comment swallow the rest of the document, so comments go. Returns the
-// index of the last byte of the comment that starts at i, or i itself when none starts there.
-size_t SkipComment(const char* text, size_t length, size_t i) {
-  if (text[i] != '/' || i + 1 >= length) return i;
-  if (text[i + 1] == '/') {
-    size_t j = i + 2;
-    while (j < length && text[j] != '\n' && text[j] != '\r') ++j;
-    return j - 1;
-  }
-  if (text[i + 1] == '*') {
-    for (size_t j = i + 2; j + 1 < length; ++j) {
-      if (text[j] == '*' && text[j + 1] == '/') return j + 1;
-    }
-    return length - 1;  // never closed: the reader refuses it, and it ends the line here too
-  }
-  return i;
+const Json::StreamWriterBuilder& OneLineWriter() {
+  static const Json::StreamWriterBuilder builder = [] {
+    Json::StreamWriterBuilder b;
+    b["commentStyle"] = "None";
+    b["indentation"] = "";
+    b["emitUTF8"] = true;
+    return b;
+  }();
+  return builder;
 }
 
 }  // namespace
 
-std::string CompactJson(const char* text, size_t length) {
-  std::string out;
-  out.reserve(length);
-  bool in_string = false;
-  bool escaped = false;
-  for (size_t i = 0; i < length; ++i) {
-    const char c = text[i];
-    if (!in_string) {
-      if (IsJsonWhiteSpace(c)) continue;
-      const size_t comment_end = SkipComment(text, length, i);
-      if (comment_end != i) {
-        i = comment_end;
-        continue;
-      }
-      out.push_back(c);
-      if (c == '"') in_string = true;
-      continue;
-    }
-    const unsigned char byte = static_cast<unsigned char>(c);
-    if (byte < 0x20) {
-      // An escape that a control byte ends is broken anyway; the byte itself must not break the line.
-      AppendControlEscape(byte, &out);
-      escaped = false;
-      continue;
-    }
-    out.push_back(c);
-    if (escaped) {
-      escaped = false;
-    } else if (c == '\\') {
-      escaped = true;
-    } else if (c == '"') {
-      in_string = false;
-    }
+bool ToJsonLine(const std::string& report, std::string* line, std::string* error) {
+  std::unique_ptr<Json::CharReader> reader(StrictReader().newCharReader());
+  Json::Value root;
+  std::string parse_error;
+  if (!reader->parse(report.data(), report.data() + report.size(), &root, &parse_error)) {
+    *error = "report is not JSON: " + parse_error;
+    return false;
   }
-  return out;
+  *line = Json::writeString(OneLineWriter(), root);
+  return true;
 }
 
 }  // namespace monitor

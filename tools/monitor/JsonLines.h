@@ -1,14 +1,14 @@
 // One report as one line of JSON Lines.
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 namespace monitor {
 
-// Drops the white space and any comments between JSON tokens and keeps every other byte as it
-// stands, so the line parses to exactly what the callback received. A raw control byte inside a string (which valid
-// JSON never has) becomes its \u00XX escape, so that the result is always a single line.
-std::string CompactJson(const char* text, size_t length);
+// Reads the report with JsonCpp and writes it back with no indentation, so the line parses to
+// exactly what the callback received. Strings keep their UTF-8 bytes as they are; control bytes
+// come out as escapes, so the result is always a single line. A text that is not JSON gives
+// false and the reader's message in *error, and *line is left alone.
+bool ToJsonLine(const std::string& report, std::string* line, std::string* error);
 
 }  // namespace monitor

@@ -75,11 +75,16 @@ class ReportPrinter {
   // False once the output is gone (a closed pipe): there is no one left to tell.
   bool Show(const std::string& report) {
     if (!output_ok_) return false;
+    std::string error;
     if (settings_.options.json) {
-      output_ok_ = settings_.out(CompactJson(report.data(), report.size()) + "\n");
+      std::string line;
+      if (!ToJsonLine(report, &line, &error)) {
+        settings_.err("pelmora-monitor: a report was skipped: " + error + "\n");
+        return true;
+      }
+      output_ok_ = settings_.out(line + "\n");
       return output_ok_;
     }
-    std::string error;
     if (!table_.Apply(report, &error)) {
       settings_.err("pelmora-monitor: a report was skipped: " + error + "\n");
       return true;
