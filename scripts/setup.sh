@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   umockdev libumockdev-dev libglib2.0-dev gir1.2-umockdev-1.0 python3-gi
   adb python3
+  usb.ids
 )
 
 missing=()

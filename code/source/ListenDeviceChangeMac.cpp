@@ -27,7 +27,6 @@ struct DeviceNotifyInfo {
 constexpr size_t kSerialNumberBufferSize = 260;  // text and its terminating zero
 constexpr size_t kManufacturerBufferSize = 100;
 constexpr uint16_t kStringDescriptorLength = 256;
-constexpr uint16_t kLanguageEnglishUs = 0x0409;
 constexpr auto kStopTimeout = std::chrono::seconds(5);
 
 }  // namespace
@@ -109,10 +108,10 @@ static std::string GetSerialNumber(UsbService* service) {
 static std::string GetStringDescriptor(UsbDeviceInterface* device, unsigned char index) {
   unsigned char buffer[kStringDescriptorLength] = {};
   UsbDeviceRequest request;
-  request.bmRequestType = 0x80;  // device to host, standard, device
-  request.bRequest = 6;          // GET_DESCRIPTOR
-  request.wValue = static_cast<uint16_t>(0x0300 | index);
-  request.wIndex = kLanguageEnglishUs;
+  request.bmRequestType = kUsbRequestTypeStandardDeviceIn;
+  request.bRequest = kUsbRequestGetDescriptor;
+  request.wValue = static_cast<uint16_t>((kUsbDescriptorTypeString << 8) | index);
+  request.wIndex = kUsbLanguageEnglishUs;
   request.wLength = kStringDescriptorLength;
   request.pData = buffer;
   const int result = s_notification_port->DeviceRequest(device, &request);

@@ -1,6 +1,6 @@
 // The Linux USB source through real libudev and usbfs calls, against devices that umockdev
-// simulates: the initial enumeration, add and remove events, control transfers answered by a
-// simulated device node, and the sysfs strings for a node that cannot be opened.
+// simulates: the initial enumeration, add and remove events, the kernel's sysfs strings, and
+// control transfers answered (or refused) by a simulated device node for strings sysfs lacks.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -8,6 +8,7 @@
 #include <functional>
 #include <thread>
 
+#include "Common.h"
 #include "FakeTarnwell.h"
 #include "ListenDeviceChangeMac.h"
 #include "LogCapture.h"
@@ -103,17 +104,33 @@ TEST_F(UdevSource, AddEventEntersADeviceAndRemoveEventTakesItOut) {
   EXPECT_TRUE(Has("two"));
 }
 
-TEST_F(UdevSource, StringsComeFromSysfsWhenTheNodeCannotBeOpened) {
-  SimulatedUsbDevice device = Phone(8, "fallback");
-  device.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9";  // UTF-8 é twice
-  device.sysfs_product = "\xE4\xB8\xAD-Phone";          // a CJK character
+TEST_F(UdevSource, StringsComeFromSysfsAndARefusedTransferFallsBackToIt) {
+  SimulatedUsbDevice no_node = Phone(8, "no-node");
+  no_node.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9";  // UTF-8 é twice
+  no_node.sysfs_product = "\xE4\xB8\xAD-Phone";          // a CJK character
+  // The node of a desktop without udev rules: 0664, and usbfs refuses a read-only descriptor.
+  SimulatedUsbDevice read_only = Phone(19, "read-only");
+  read_only.sysfs_product = "Pixel\xC3\xA9 X";
+  read_only.has_node = true;
+  read_only.fail_with_errno = EPERM;
+  SimulatedUsbDevice half = Phone(20, "half");  // sysfs lacks the product: one transfer, refused
+  half.sysfs_product.reset();
+  half.has_node = true;
+  half.fail_with_errno = EPERM;
   Start();
-  PlugAndWait(device);
-  const DeviceModleInfo entry = Entry("fallback");
-  EXPECT_EQ(entry.manufacturer, "Soci\xE9t\xE9") << "Latin-1 characters as one byte";
-  EXPECT_EQ(entry.product, "?-Phone");
-  EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 1) << "once per device";
-  EXPECT_TRUE(testbed_->Transfers().empty());
+  PlugAndWait(no_node);
+  PlugAndWait(read_only);
+  PlugAndWait(half);
+  EXPECT_EQ(Entry("no-node").manufacturer, "Soci\xE9t\xE9") << "Latin-1 characters as one byte";
+  EXPECT_EQ(Entry("no-node").product, "?-Phone");
+  EXPECT_EQ(Entry("read-only").manufacturer, "Acme");
+  EXPECT_EQ(Latin1FallbackUtf8(Entry("read-only").product), "Pixel\xC3\xA9 X") << "valid UTF-8 again";
+  EXPECT_EQ(Entry("half").manufacturer, "Acme");
+  EXPECT_EQ(Entry("half").product, "");
+  EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 2) << "once per device";
+  EXPECT_EQ(log_capture::CountContaining("strings read by control transfer"), 1);
+  EXPECT_EQ(log_capture::CountContaining("refused (Operation not permitted); sysfs answers the rest"), 1);
+  EXPECT_EQ(testbed_->Transfers().size(), 1u) << "only the string sysfs lacks goes to the device";
 }
 
 TEST_F(UdevSource, ManufacturerIndexZeroReadsTheLanguageTableFromEitherPath) {
@@ -123,6 +140,7 @@ TEST_F(UdevSource, ManufacturerIndexZeroReadsTheLanguageTableFromEitherPath) {
   SimulatedUsbDevice from_node = Phone(10, "zero-node");
   from_node.manufacturer_index = 0;
   from_node.has_node = true;
+  from_node.sysfs_product.reset();
   from_node.strings[2] = u"Node";
   Start();
   PlugAndWait(from_sysfs);
@@ -135,14 +153,18 @@ TEST_F(UdevSource, ManufacturerIndexZeroReadsTheLanguageTableFromEitherPath) {
 TEST_F(UdevSource, ControlTransfersOnTheNodeAnswerTheStrings) {
   SimulatedUsbDevice device = Phone(11, "node");
   device.has_node = true;
-  device.sysfs_manufacturer = "Sysfs text is not used";
+  device.sysfs_manufacturer.reset();
+  device.sysfs_product.reset();
   device.strings[1] = u"Acm\u00e9";
   device.strings[2] = u"\u4e2d Phone";
   SimulatedUsbDevice stalls = Phone(12, "stalls");
   stalls.has_node = true;
+  stalls.sysfs_manufacturer.reset();
+  stalls.sysfs_product.reset();
   stalls.strings[1] = u"Only";  // index 2 stalls
   SimulatedUsbDevice gone = Phone(13, "gone");
   gone.has_node = true;
+  gone.sysfs_manufacturer.reset();
   gone.fail_with_errno = ENODEV;
   Start();
   PlugAndWait(device);
@@ -154,10 +176,11 @@ TEST_F(UdevSource, ControlTransfersOnTheNodeAnswerTheStrings) {
   EXPECT_EQ(Entry("stalls").manufacturer, "Only");
   EXPECT_EQ(Entry("stalls").product, "");
   EXPECT_EQ(Entry("gone").manufacturer, "") << "a failed transfer gives an empty text";
+  EXPECT_EQ(Entry("gone").product, "Phone gone") << "sysfs still answers what it holds";
   EXPECT_EQ(log_capture::CountContaining("strings read by control transfer"), 3);
   EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 0);
   const auto transfers = testbed_->Transfers();
-  ASSERT_EQ(transfers.size(), 6u);
+  ASSERT_EQ(transfers.size(), 5u);
   EXPECT_EQ(transfers[0].wValue, 0x0301);
   EXPECT_EQ(transfers[0].wIndex, 0x0409);
   EXPECT_EQ(transfers[0].wLength, 256);

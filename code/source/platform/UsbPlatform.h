@@ -30,6 +30,12 @@ using UsbDeviceAddedCallback = void (*)(void* refCon, UsbIterator* iterator);
 using UsbDeviceRemovedCallback = void (*)(void* refCon, UsbService* service, uint32_t messageType,
                                           void* messageArgument);
 
+// USB 2.0's values for the one request the watcher makes, GET_DESCRIPTOR(STRING).
+inline constexpr uint8_t kUsbRequestTypeStandardDeviceIn = 0x80;  // device to host, standard, device
+inline constexpr uint8_t kUsbRequestGetDescriptor = 6;
+inline constexpr uint8_t kUsbDescriptorTypeString = 3;
+inline constexpr uint16_t kUsbLanguageEnglishUs = 0x0409;
+
 // One standard control transfer, device to host (the fields of USB 2.0's SETUP packet).
 struct UsbDeviceRequest {
   uint8_t bmRequestType = 0;

@@ -1,7 +1,9 @@
 // The USB watcher's platform on Linux: libudev for the devices attached at the start and for
-// later add/remove events, sysfs for serial number and descriptor fields, and usbfs control
-// transfers for string descriptors, falling back to the kernel's sysfs strings when the device
-// node cannot be opened (the normal case for a desktop user without udev rules).
+// later add/remove events, sysfs for serial number, descriptor fields and strings. The kernel
+// read the manufacturer and product strings at enumeration and keeps them in sysfs, readable by
+// anyone; a usbfs control transfer is made only for a string sysfs lacks. Without write access
+// to the node (every desktop user without udev rules) usbfs refuses transfers, so a refusal that
+// is the host's own falls back to sysfs as well.
 #include <fcntl.h>
 #include <libudev.h>
 #include <linux/usbdevice_fs.h>
@@ -21,6 +23,7 @@
 #include <vector>
 
 #include "Quenwick.h"
+#include "UniqueFd.h"
 #include "UsbPlatform.h"
 #include "UsbSysfsLinux.h"
 
@@ -56,7 +59,7 @@ struct LinuxUsbDeviceInterface : UsbDeviceInterface {
   UsbDeviceDescriptorFields fields;
   DeviceNames names;
   bool path_logged = false;
-  bool node_unusable = false;  // once the node could not be opened, sysfs answers the rest
+  bool node_unusable = false;  // once the host refused a transfer, sysfs answers the rest
 };
 
 struct LinuxUsbNotification : UsbNotification {
@@ -69,19 +72,18 @@ std::string ErrorText(int error) { return std::system_category().message(error);
 
 // A binary attribute read whole (up to limit bytes); an errno code when it cannot be read.
 int ReadAttributeFile(const std::string& path, std::vector<unsigned char>* bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno;
+  const posix::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.ok()) return errno;
   bytes->resize(kDescriptorsReadLimit);
   size_t filled = 0;
   int error = 0;
   while (filled < bytes->size()) {
-    const ssize_t n = ::read(fd, bytes->data() + filled, bytes->size() - filled);
+    const ssize_t n = ::read(fd.get(), bytes->data() + filled, bytes->size() - filled);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) error = errno;
     if (n <= 0) break;
     filled += static_cast<size_t>(n);
   }
-  ::close(fd);
   bytes->resize(filled);
   return error;
 }
@@ -103,34 +105,86 @@ DeviceNames NamesOf(udev_device* device) {
   return names;
 }
 
-int OpenDeviceNode(const std::string& devnode) {
-  // A missing node (no devtmpfs entry yet, or none at all) is not worth an open attempt.
-  if (devnode.empty() || ::access(devnode.c_str(), F_OK) != 0) {
-    errno = ENOENT;
-    return -1;
+bool IsStringRequest(const UsbDeviceRequest& request) {
+  return request.bmRequestType == kUsbRequestTypeStandardDeviceIn &&
+         request.bRequest == kUsbRequestGetDescriptor && (request.wValue >> 8) == kUsbDescriptorTypeString;
+}
+
+// The kernel's text for a string index, when sysfs holds one.
+const std::string* SysfsText(const LinuxUsbDeviceInterface& device, uint8_t index) {
+  if (index == 0) return nullptr;
+  if (index == device.fields.manufacturer_index && device.names.has_manufacturer) {
+    return &device.names.manufacturer;
   }
-  int fd = ::open(devnode.c_str(), O_RDWR | O_CLOEXEC);
-  if (fd < 0 && (errno == EACCES || errno == EPERM)) fd = ::open(devnode.c_str(), O_RDONLY | O_CLOEXEC);
-  return fd;
+  if (index == device.fields.product_index && device.names.has_product) return &device.names.product;
+  return nullptr;
+}
+
+// Whether sysfs answers this request without the device: index 0 (the language table, which the
+// kernel read too) and every index the kernel kept text for.
+bool SysfsAnswers(const LinuxUsbDeviceInterface& device, const UsbDeviceRequest& request) {
+  if (!IsStringRequest(request)) return false;
+  const auto index = static_cast<uint8_t>(request.wValue & 0xFF);
+  return index == 0 || SysfsText(device, index) != nullptr;
+}
+
+// Refusals by this host (rights, a read-only descriptor, a node that is not usbfs), as opposed
+// to answers of the device (a stall, a timeout, a device gone).
+bool IsHostRefusal(int error) {
+  switch (error) {
+    case EPERM:
+    case EACCES:
+    case ENOTTY:
+    case EBADF:
+    case ENOENT:
+    case EROFS:
+    case EINVAL:
+      return true;
+    default:
+      return false;
+  }
 }
 
 // The answer to a string request without the device: what the kernel read from it at
-// enumeration, turned back into a descriptor. A stall (EPIPE) for a string the device lacks.
+// enumeration, turned back into a descriptor. A stall (EPIPE) for a string sysfs lacks.
 int StringRequestFromSysfs(const LinuxUsbDeviceInterface& device, UsbDeviceRequest* request) {
-  const uint8_t index = static_cast<uint8_t>(request->wValue & 0xFF);
+  if (!IsStringRequest(*request)) return EPIPE;
+  const auto index = static_cast<uint8_t>(request->wValue & 0xFF);
   std::vector<unsigned char> answer;
   if (index == 0) {
     answer = LanguageTableDescriptor();
-  } else if (index == device.fields.manufacturer_index && device.names.has_manufacturer) {
-    answer = BuildStringDescriptorFromText(device.names.manufacturer);
-  } else if (index == device.fields.product_index && device.names.has_product) {
-    answer = BuildStringDescriptorFromText(device.names.product);
+  } else if (const std::string* text = SysfsText(device, index)) {
+    answer = BuildStringDescriptorFromText(*text);
   } else {
     return EPIPE;
   }
   const size_t n = std::min<size_t>(answer.size(), request->wLength);
   std::memcpy(request->pData, answer.data(), n);
   request->wLenDone = static_cast<uint32_t>(n);
+  return 0;
+}
+
+// One usbfs control transfer on the node, opened for it; 0 or an errno code.
+int ControlTransfer(const std::string& devnode, UsbDeviceRequest* request) {
+  // A missing node (no devtmpfs entry yet, or none at all) is not worth an open attempt.
+  if (devnode.empty() || ::access(devnode.c_str(), F_OK) != 0) return ENOENT;
+  // usbfs refuses ioctls on a read-only descriptor, so there is no read-only retry.
+  const posix::UniqueFd fd(::open(devnode.c_str(), O_RDWR | O_CLOEXEC));
+  if (!fd.ok()) return errno;
+  usbdevfs_ctrltransfer transfer{};
+  transfer.bRequestType = request->bmRequestType;
+  transfer.bRequest = request->bRequest;
+  transfer.wValue = request->wValue;
+  transfer.wIndex = request->wIndex;
+  transfer.wLength = request->wLength;
+  transfer.timeout = kControlTimeoutMs;
+  transfer.data = request->pData;
+  int done = 0;
+  do {
+    done = ::ioctl(fd.get(), USBDEVFS_CONTROL, &transfer);
+  } while (done < 0 && errno == EINTR);
+  if (done < 0) return errno;
+  request->wLenDone = static_cast<uint32_t>(std::min<int>(done, request->wLength));
   return 0;
 }
 
@@ -141,7 +195,6 @@ class LinuxUsbPlatform : public UsbPlatform {
     for (LinuxUsbNotification* notification : live_notifications_) delete notification;
     if (monitor_ != nullptr) udev_monitor_unref(monitor_);
     if (udev_ != nullptr) udev_unref(udev_);
-    if (stop_fd_ >= 0) ::close(stop_fd_);
   }
 
   bool CreateMatching() override {
@@ -150,8 +203,8 @@ class LinuxUsbPlatform : public UsbPlatform {
     monitor_ = udev_monitor_new_from_netlink(udev_, "udev");
     if (monitor_ == nullptr) return false;
     if (udev_monitor_filter_add_match_subsystem_devtype(monitor_, "usb", "usb_device") < 0) return false;
-    stop_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return stop_fd_ >= 0;
+    stop_fd_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return stop_fd_.ok();
   }
 
   int AddMatchingNotification(UsbDeviceAddedCallback callback, void* refCon,
@@ -182,7 +235,7 @@ class LinuxUsbPlatform : public UsbPlatform {
   }
 
   void RunLoop() override {
-    pollfd fds[2] = {{udev_monitor_get_fd(monitor_), POLLIN, 0}, {stop_fd_, POLLIN, 0}};
+    pollfd fds[2] = {{udev_monitor_get_fd(monitor_), POLLIN, 0}, {stop_fd_.get(), POLLIN, 0}};
     for (;;) {
       const int ready = ::poll(fds, 2, -1);
       if (ready < 0 && errno == EINTR) continue;
@@ -197,7 +250,7 @@ class LinuxUsbPlatform : public UsbPlatform {
 
   void StopLoop() override {
     const uint64_t one = 1;
-    if (stop_fd_ >= 0) (void)!::write(stop_fd_, &one, sizeof one);
+    if (stop_fd_.ok()) (void)!::write(stop_fd_.get(), &one, sizeof one);
   }
 
   UsbService* IteratorNext(UsbIterator* iterator) override {
@@ -264,40 +317,16 @@ class LinuxUsbPlatform : public UsbPlatform {
   int DeviceRequest(UsbDeviceInterface* handle, UsbDeviceRequest* request) override {
     LinuxUsbDeviceInterface* device = Interface(handle);
     request->wLenDone = 0;
-    if (device->node_unusable) return StringRequestFromSysfs(*device, request);
-    const int fd = OpenDeviceNode(device->names.devnode);
-    if (fd < 0) {
-      const int error = errno;
-      device->node_unusable = true;
-      if (!device->path_logged) {
-        Log(1, "usb device %s: %s cannot be opened (%s); strings taken from sysfs",
-            device->names.syspath.c_str(), device->names.devnode.c_str(), ErrorText(error).c_str());
-        device->path_logged = true;
-      }
+    LogWayOnce(device);
+    if (device->node_unusable || SysfsAnswers(*device, *request)) {
       return StringRequestFromSysfs(*device, request);
     }
-    if (!device->path_logged) {
-      Log(1, "usb device %s: strings read by control transfer on %s", device->names.syspath.c_str(),
-          device->names.devnode.c_str());
-      device->path_logged = true;
-    }
-    usbdevfs_ctrltransfer transfer{};
-    transfer.bRequestType = request->bmRequestType;
-    transfer.bRequest = request->bRequest;
-    transfer.wValue = request->wValue;
-    transfer.wIndex = request->wIndex;
-    transfer.wLength = request->wLength;
-    transfer.timeout = kControlTimeoutMs;
-    transfer.data = request->pData;
-    int done = 0;
-    do {
-      done = ::ioctl(fd, USBDEVFS_CONTROL, &transfer);
-    } while (done < 0 && errno == EINTR);
-    const int error = done < 0 ? errno : 0;
-    ::close(fd);
-    if (done < 0) return error;
-    request->wLenDone = static_cast<uint32_t>(std::min<int>(done, request->wLength));
-    return 0;
+    const int error = ControlTransfer(device->names.devnode, request);
+    if (error == 0 || !IsHostRefusal(error)) return error;
+    device->node_unusable = true;
+    Log(1, "usb device %s: control transfer on %s refused (%s); sysfs answers the rest",
+        device->names.syspath.c_str(), device->names.devnode.c_str(), ErrorText(error).c_str());
+    return StringRequestFromSysfs(*device, request);
   }
 
   void ReleaseDeviceInterface(UsbDeviceInterface* device) override { delete Interface(device); }
@@ -331,6 +360,21 @@ class LinuxUsbPlatform : public UsbPlatform {
   }
   static LinuxUsbDeviceInterface* Interface(UsbDeviceInterface* device) {
     return static_cast<LinuxUsbDeviceInterface*>(device);
+  }
+
+  // One line per device naming where its strings come from.
+  static void LogWayOnce(LinuxUsbDeviceInterface* device) {
+    if (device->path_logged) return;
+    device->path_logged = true;
+    const uint8_t indexes[] = {device->fields.manufacturer_index, device->fields.product_index};
+    for (const uint8_t index : indexes) {
+      if (index != 0 && SysfsText(*device, index) == nullptr) {
+        Log(1, "usb device %s: strings read by control transfer on %s (sysfs has no string %u)",
+            device->names.syspath.c_str(), device->names.devnode.c_str(), index);
+        return;
+      }
+    }
+    Log(1, "usb device %s: strings taken from sysfs", device->names.syspath.c_str());
   }
 
   // Queues a device for the arrival handler, unless it was delivered already and is still there.
@@ -375,7 +419,7 @@ class LinuxUsbPlatform : public UsbPlatform {
 
   udev* udev_ = nullptr;
   udev_monitor* monitor_ = nullptr;
-  int stop_fd_ = -1;
+  posix::UniqueFd stop_fd_;
   LinuxUsbIterator iterator_;
   UsbDeviceAddedCallback added_callback_ = nullptr;
   void* added_refCon_ = nullptr;

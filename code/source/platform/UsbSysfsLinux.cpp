@@ -1,5 +1,7 @@
 #include "UsbSysfsLinux.h"
 
+#include "Common.h"
+
 namespace {
 
 constexpr size_t kDeviceDescriptorLength = 18;
@@ -10,46 +12,6 @@ constexpr char32_t kReplacementCharacter = 0xFFFD;
 
 uint16_t Little16(const unsigned char* bytes) {
   return static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
-}
-
-// Decodes one UTF-8 sequence at text[*pos] and advances past it; an invalid or cut sequence
-// yields U+FFFD and advances by one byte.
-char32_t NextCodePoint(const std::string& text, size_t* pos) {
-  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
-  const unsigned char lead = byte(*pos);
-  size_t length = 0;
-  char32_t code = 0;
-  char32_t minimum = 0;
-  if (lead < 0x80) {
-    ++*pos;
-    return lead;
-  } else if ((lead & 0xE0) == 0xC0) {
-    length = 2, code = lead & 0x1F, minimum = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    length = 3, code = lead & 0x0F, minimum = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    length = 4, code = lead & 0x07, minimum = 0x10000;
-  } else {
-    ++*pos;
-    return kReplacementCharacter;
-  }
-  if (*pos + length > text.size()) {
-    ++*pos;
-    return kReplacementCharacter;
-  }
-  for (size_t i = 1; i < length; ++i) {
-    if ((byte(*pos + i) & 0xC0) != 0x80) {
-      ++*pos;
-      return kReplacementCharacter;
-    }
-    code = (code << 6) | (byte(*pos + i) & 0x3F);
-  }
-  if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
-    ++*pos;
-    return kReplacementCharacter;
-  }
-  *pos += length;
-  return code;
 }
 
 void AppendUnit(std::vector<unsigned char>* out, char32_t unit) {
@@ -73,7 +35,8 @@ std::vector<unsigned char> BuildStringDescriptorFromText(const std::string& utf8
   std::vector<unsigned char> descriptor = {0, kStringDescriptorType};
   size_t units = 0;
   for (size_t pos = 0; pos < utf8.size();) {
-    const char32_t code = NextCodePoint(utf8, &pos);
+    char32_t code = kReplacementCharacter;
+    if (!DecodeUtf8Sequence(utf8, &pos, &code)) ++pos;  // one byte that is no UTF-8 -> U+FFFD
     if (code < 0x10000) {
       if (units + 1 > kMaxStringUnits) break;
       AppendUnit(&descriptor, code);
