@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdexcept>
@@ -36,14 +35,14 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 }  // namespace
 
 struct SimAdbServer::Connection {
-  int fd = -1;
+  posix::UniqueFd fd;
   int wake_fd = -1;
   std::string transport_serial;  // set once "host:transport:" was accepted
   std::atomic<bool> done{false};
 
   // Waits until the socket is readable; false when woken by Stop.
   bool WaitReadable() const {
-    pollfd entries[2] = {{fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
+    pollfd entries[2] = {{fd.get(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
     for (;;) {
       int ready = ::poll(entries, 2, -1);
       if (ready < 0 && errno == EINTR) continue;
@@ -55,7 +54,7 @@ struct SimAdbServer::Connection {
     std::size_t have = 0;
     while (have < n) {
       if (!WaitReadable()) return false;
-      ssize_t got = ::recv(fd, &(*out)[have], n - have, 0);
+      ssize_t got = ::recv(fd.get(), &(*out)[have], n - have, 0);
       if (got <= 0) return false;
       have += static_cast<std::size_t>(got);
     }
@@ -70,7 +69,7 @@ struct SimAdbServer::Connection {
   void Send(const std::string& bytes) const {
     std::size_t sent = 0;
     while (sent < bytes.size()) {
-      ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      ssize_t n = posix::SendNoSignal(fd.get(), bytes.data() + sent, bytes.size() - sent);
       if (n <= 0) return;
       sent += static_cast<std::size_t>(n);
     }
@@ -79,7 +78,7 @@ struct SimAdbServer::Connection {
   // Holds the connection until the peer closes it or Stop.
   void Hold() const {
     char sink[256];
-    while (WaitReadable() && ::recv(fd, sink, sizeof sink, 0) > 0) {
+    while (WaitReadable() && ::recv(fd.get(), sink, sizeof sink, 0) > 0) {
     }
   }
 };
@@ -92,36 +91,32 @@ SimAdbServer::~SimAdbServer() { Stop(); }
 
 bool SimAdbServer::running() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return listen_fd_ >= 0;
+  return listener_ != nullptr;
 }
 
 bool SimAdbServer::Listen(std::uint16_t port) {
-  std::uint16_t bound = 0;
-  const int fd = sim_phone::ListenOnLoopback(port, 64, &bound);
-  if (fd < 0) return false;
-  if (::pipe2(wake_fds_, O_CLOEXEC) != 0) {
-    ::close(fd);
-    return false;
-  }
+  auto listener = std::make_shared<sim_phone::LoopbackListener>(port, 64);
+  if (!listener->ok()) return false;
   std::lock_guard<std::mutex> lock(mutex_);
-  listen_fd_ = fd;
-  port_ = bound;
+  listener_ = listener;
+  port_ = listener->port();
   stopping_ = false;
-  acceptor_ = std::thread([this, fd] { AcceptLoop(fd); });
+  acceptor_ = std::thread([this, listener] { AcceptLoop(*listener); });
   return true;
 }
 
 void SimAdbServer::Stop() {
   std::vector<Worker> workers;
+  std::shared_ptr<sim_phone::LoopbackListener> listener;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (listen_fd_ < 0) return;
+    if (listener_ == nullptr) return;
+    listener = listener_;
     stopping_ = true;
     workers.swap(workers_);
   }
   stopped_cv_.notify_all();
-  char byte = 1;
-  if (::write(wake_fds_[1], &byte, 1) != 1) std::perror("simulated ADB server: wake");
+  listener->Wake();
   acceptor_.join();
   {
     // Connections accepted after the swap above.
@@ -131,11 +126,7 @@ void SimAdbServer::Stop() {
   }
   for (auto& w : workers) w.thread.join();
   std::lock_guard<std::mutex> lock(mutex_);
-  ::close(listen_fd_);
-  listen_fd_ = -1;
-  ::close(wake_fds_[0]);
-  ::close(wake_fds_[1]);
-  wake_fds_[0] = wake_fds_[1] = -1;
+  listener_.reset();
 }
 
 bool SimAdbServer::Restart() {
@@ -143,18 +134,13 @@ bool SimAdbServer::Restart() {
   return Listen(port_);
 }
 
-void SimAdbServer::AcceptLoop(int listen_fd) {
-  int wake_fd = wake_fds_[0];
+void SimAdbServer::AcceptLoop(const sim_phone::LoopbackListener& listener) {
   for (;;) {
-    pollfd entries[2] = {{listen_fd, POLLIN, 0}, {wake_fd, POLLIN, 0}};
-    int ready = ::poll(entries, 2, -1);
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0 || entries[1].revents != 0) return;
-    int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) continue;
+    posix::UniqueFd fd = listener.Accept();
+    if (!fd.ok()) return;
     auto connection = std::make_shared<Connection>();
-    connection->fd = fd;
-    connection->wake_fd = wake_fd;
+    connection->fd = std::move(fd);
+    connection->wake_fd = listener.wake_fd();
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto it = workers_.begin(); it != workers_.end();) {
       if (it->connection->done) {
@@ -173,11 +159,11 @@ void SimAdbServer::Serve(std::shared_ptr<Connection> connection) {
   while (connection->ReadRequest(&service)) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      requests_.push_back(service);
+      if (keep_requests_) requests_.push_back(service);
     }
     if (!Handle(*connection, service)) break;
   }
-  ::close(connection->fd);
+  connection->fd.reset();
   connection->done = true;
 }
 
@@ -294,6 +280,11 @@ void SimAdbServer::React(const std::string& service_prefix, Reaction reaction) {
 void SimAdbServer::ClearReactions() {
   std::lock_guard<std::mutex> lock(mutex_);
   reactions_.clear();
+}
+
+void SimAdbServer::KeepRequests(bool keep) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keep_requests_ = keep;
 }
 
 std::vector<std::string> SimAdbServer::Requests() const {

@@ -20,6 +20,10 @@
 #include <utility>
 #include <vector>
 
+namespace sim_phone {
+class LoopbackListener;
+}  // namespace sim_phone
+
 namespace sim_adb {
 
 struct Reaction {
@@ -71,14 +75,16 @@ class SimAdbServer {
   void React(const std::string& service_prefix, Reaction reaction);
   void ClearReactions();
 
-  // Every service text received, in order.
+  // Every service text received, in order; Requests() stays empty after KeepRequests(false), so
+  // that a long run holds no growing record.
   std::vector<std::string> Requests() const;
+  void KeepRequests(bool keep);
   int RequestCount(const std::string& service_prefix) const;
 
  private:
   struct Connection;
   bool Listen(std::uint16_t port);
-  void AcceptLoop(int listen_fd);
+  void AcceptLoop(const sim_phone::LoopbackListener& listener);
   void Serve(std::shared_ptr<Connection> connection);
   // Returns false when the connection is finished.
   bool Handle(Connection& connection, const std::string& service);
@@ -93,10 +99,10 @@ class SimAdbServer {
   std::string payload_;
   std::vector<std::pair<std::string, Reaction>> reactions_;
   std::vector<std::string> requests_;
+  bool keep_requests_ = true;
 
   std::uint16_t port_ = 0;
-  int listen_fd_ = -1;
-  int wake_fds_[2] = {-1, -1};  // written to by Stop so blocked threads return
+  std::shared_ptr<sim_phone::LoopbackListener> listener_;  // woken by Stop so blocked threads return
   bool stopping_ = false;
   std::thread acceptor_;
   struct Worker {
