@@ -38,7 +38,7 @@ if(NOT TARGET Pelmora OR NOT TARGET Quenwick OR NOT TARGET Tarnwell)
 endif()
 
 # Installed side by side, each library finds the others in its own folder.
-set_target_properties(Pelmora Quenwick Tarnwell PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(Pelmora Quenwick Tarnwell PROPERTIES INSTALL_RPATH "${PELMORA_RPATH_ORIGIN}")
 set_target_properties(quenwick_headers PROPERTIES EXPORT_NAME QuenwickHeaders)
 set_target_properties(tarnwell_headers PROPERTIES EXPORT_NAME TarnwellHeaders)
 install(TARGETS Pelmora Quenwick Tarnwell quenwick_headers tarnwell_headers

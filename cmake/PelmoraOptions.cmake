@@ -19,12 +19,33 @@ if(NOT PELMORA_SANITIZE STREQUAL "" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   add_compile_options(-Wno-maybe-uninitialized)
 endif()
 
-# pelmora_export_only(<target> <symbol>...): a linker version script that keeps the
-# dynamic symbol table to exactly the contract, whatever static code is linked in.
+if(PELMORA_PORTABLE_POSIX)
+  add_compile_definitions(PELMORA_PORTABLE_POSIX)
+endif()
+
+# What an installed binary's run path starts from: the folder of the file itself.
+if(APPLE)
+  set(PELMORA_RPATH_ORIGIN "@loader_path")
+else()
+  set(PELMORA_RPATH_ORIGIN "$ORIGIN")
+endif()
+
+# pelmora_export_only(<target> <symbol>...): a shared library's link rules. The dynamic symbol
+# table keeps exactly the contract, whatever static code is linked in, and every symbol must be
+# resolved when the library is linked (Apple's linker refuses undefined symbols by default).
 function(pelmora_export_only target)
-  set(map "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
-  list(JOIN ARGN "; " symbols)
-  file(WRITE "${map}" "{\n  global: ${symbols};\n  local: *;\n};\n")
-  target_link_options(${target} PRIVATE "-Wl,--version-script=${map}")
-  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${map}")
+  if(APPLE)
+    # Mach-O symbols carry a leading underscore.
+    set(list_file "${CMAKE_CURRENT_BINARY_DIR}/${target}.exports")
+    list(TRANSFORM ARGN PREPEND "_" OUTPUT_VARIABLE symbols)
+    list(JOIN symbols "\n" lines)
+    file(WRITE "${list_file}" "${lines}\n")
+    target_link_options(${target} PRIVATE "LINKER:-exported_symbols_list,${list_file}")
+  else()
+    set(list_file "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
+    list(JOIN ARGN "; " symbols)
+    file(WRITE "${list_file}" "{\n  global: ${symbols};\n  local: *;\n};\n")
+    target_link_options(${target} PRIVATE "LINKER:--version-script=${list_file}" "LINKER:--no-undefined")
+  endif()
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${list_file}")
 endfunction()

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "PosixCompat.h"
 #include "Tarnwell.h"
 
 namespace tarnwell {
@@ -21,32 +22,28 @@ std::string ErrnoText(const char* what, int err) {
 
 }  // namespace
 
-HostConnection::~HostConnection() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
 int HostConnection::Connect(std::uint16_t port, const Deadline& deadline, std::string* why) {
   // Non-blocking from the start so that connect, reads and writes all wait through poll().
-  fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) {
+  fd_ = posix::Socket(AF_INET, SOCK_STREAM, posix::Blocking::kNo);
+  if (!fd_.ok()) {
     *why = ErrnoText("socket", errno);
     return TARNWELL_ERR_IO;
   }
   // Request, answer, next request on one connection: Nagle would hold the second request back
   // until the server's delayed ACK.
   int one = 1;
-  ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  ::setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return TARNWELL_OK;
+  if (::connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return TARNWELL_OK;
   int err = errno;
   if (err == EINPROGRESS) {
     int waited = WaitFor(POLLOUT, deadline, why);
     if (waited != TARNWELL_OK) return waited;
     socklen_t len = sizeof err;
-    if (::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+    if (::getsockopt(fd_.get(), SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
     if (err == 0) return TARNWELL_OK;
   }
   *why = ErrnoText("connect", err) + " (127.0.0.1:" + std::to_string(port) + ")";
@@ -55,7 +52,7 @@ int HostConnection::Connect(std::uint16_t port, const Deadline& deadline, std::s
 
 int HostConnection::WaitFor(short events, const Deadline& deadline, std::string* why) {
   for (;;) {
-    pollfd entry{fd_, events, 0};
+    pollfd entry{fd_.get(), events, 0};
     int ready = ::poll(&entry, 1, deadline.RemainingMs());
     if (ready > 0) return TARNWELL_OK;
     if (ready == 0) {
@@ -71,7 +68,7 @@ int HostConnection::WaitFor(short events, const Deadline& deadline, std::string*
 
 int HostConnection::SendAll(std::string_view bytes, const Deadline& deadline, std::string* why) {
   while (!bytes.empty()) {
-    ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ssize_t sent = posix::SendNoSignal(fd_.get(), bytes.data(), bytes.size());
     if (sent > 0) {
       bytes.remove_prefix(static_cast<std::size_t>(sent));
       continue;
@@ -92,7 +89,7 @@ int HostConnection::SendAll(std::string_view bytes, const Deadline& deadline, st
 int HostConnection::ReadSome(char* buf, std::size_t cap, std::size_t* got,
                              const Deadline& deadline, std::string* why) {
   for (;;) {
-    ssize_t n = ::recv(fd_, buf, cap, 0);
+    ssize_t n = ::recv(fd_.get(), buf, cap, 0);
     if (n >= 0) {
       *got = static_cast<std::size_t>(n);
       return TARNWELL_OK;

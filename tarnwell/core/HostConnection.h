@@ -8,13 +8,13 @@
 #include <string_view>
 
 #include "Deadline.h"
+#include "UniqueFd.h"
 
 namespace tarnwell {
 
 class HostConnection {
  public:
   HostConnection() = default;
-  ~HostConnection();
   HostConnection(const HostConnection&) = delete;
   HostConnection& operator=(const HostConnection&) = delete;
 
@@ -32,7 +32,7 @@ class HostConnection {
   int ReadSome(char* buf, std::size_t cap, std::size_t* got, const Deadline& deadline,
                std::string* why);
 
-  int fd_ = -1;
+  posix::UniqueFd fd_;
 };
 
 }  // namespace tarnwell

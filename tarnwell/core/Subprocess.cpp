@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
+#include "PosixCompat.h"
 
 namespace tarnwell {
 
@@ -23,7 +23,7 @@ constexpr int kReapSliceMs = 2;
 
 std::vector<std::string> MergedEnvironment(const std::vector<std::string>& overrides) {
   std::vector<std::string> merged;
-  for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
+  for (char** entry = posix::Environment(); entry != nullptr && *entry != nullptr; ++entry) {
     std::string text(*entry);
     std::string name = text.substr(0, text.find('='));
     bool replaced = false;
@@ -131,16 +131,16 @@ ProcessOutcome RunProcess(const std::vector<std::string>& argv,
     outcome.error = argv[0] + ": not found or not executable";
     return outcome;
   }
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK) != 0) {
+  posix::Pipe output;
+  if (!posix::OpenPipe(&output, posix::Blocking::kNo)) {
     outcome.error = std::string("pipe: ") + std::strerror(errno);
     return outcome;
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDERR_FILENO);
 
   std::vector<std::string> args = argv;
   std::vector<std::string> env = MergedEnvironment(environment_overrides);
@@ -150,15 +150,14 @@ ProcessOutcome RunProcess(const std::vector<std::string>& argv,
   int spawned = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, arg_pointers.data(),
                               env_pointers.data());
   posix_spawn_file_actions_destroy(&actions);
-  ::close(pipe_fds[1]);
+  // Only the child may hold the write end now, so the pipe ends when it (and what it leaves) exits.
+  output.write.reset();
   if (spawned != 0) {
-    ::close(pipe_fds[0]);
     outcome.error = program + ": " + std::strerror(spawned);
     return outcome;
   }
   outcome.started = true;
-  WaitForChild(pid, pipe_fds[0], deadline, &outcome);
-  ::close(pipe_fds[0]);
+  WaitForChild(pid, output.read.get(), deadline, &outcome);
   return outcome;
 }
 

@@ -1,6 +1,5 @@
 // pelmora-monitor: the Android phones plugged into this computer, live, through libPelmora's four
 // functions, as any host application would use them.
-#include <limits.h>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -14,15 +13,13 @@
 #include "MonitorOptions.h"
 #include "MonitorSession.h"
 #include "Pelmora.h"
+#include "PosixCompat.h"
 
 namespace {
 
 std::string ExecutableFolder() {
-  char path[PATH_MAX];
-  const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
-  if (n <= 0) return "";
-  std::string exe(path, static_cast<size_t>(n));
-  return exe.substr(0, exe.rfind('/'));
+  const std::string exe = posix::ExecutablePath();
+  return exe.empty() ? exe : exe.substr(0, exe.rfind('/'));
 }
 
 bool IsFolder(const std::string& path) {

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "PosixCompat.h"
+
 namespace monitor {
 
 // Push never blocks: it queues a copy and writes one byte to a non-blocking pipe whose read end
@@ -12,12 +14,11 @@ namespace monitor {
 class ReportQueue {
  public:
   ReportQueue();
-  ~ReportQueue();
   ReportQueue(const ReportQueue&) = delete;
   ReportQueue& operator=(const ReportQueue&) = delete;
 
-  bool ok() const { return read_fd_ >= 0; }
-  int wake_fd() const { return read_fd_; }
+  bool ok() const { return wake_.read.ok(); }
+  int wake_fd() const { return wake_.read.get(); }
 
   void Push(const char* text, int length);  // any thread
   std::vector<std::string> TakeAll();       // empties the queue and the wake-up pipe
@@ -25,8 +26,7 @@ class ReportQueue {
  private:
   std::mutex mutex_;
   std::vector<std::string> reports_;
-  int read_fd_ = -1;
-  int write_fd_ = -1;
+  posix::Pipe wake_;
 };
 
 }  // namespace monitor

@@ -5,6 +5,8 @@
 
 #include <signal.h>
 
+#include "UniqueFd.h"
+
 namespace monitor {
 
 class ShutdownSignals {
@@ -18,14 +20,14 @@ class ShutdownSignals {
   ShutdownSignals(const ShutdownSignals&) = delete;
   ShutdownSignals& operator=(const ShutdownSignals&) = delete;
 
-  bool ok() const { return fd_ >= 0; }
+  bool ok() const { return fd_.ok(); }
   // Readable while a signal is pending.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   // Reads what is pending; returns how many signals arrived since the last call.
   int Drain();
 
  private:
-  int fd_ = -1;
+  posix::UniqueFd fd_;
   sigset_t old_mask_;
   struct sigaction old_sigpipe_ = {};
 };

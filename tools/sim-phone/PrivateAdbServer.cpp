@@ -8,12 +8,14 @@
 #include <fstream>
 #include <iterator>
 #include <netinet/in.h>
+#include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
 #include "Deadline.h"
+#include "PosixCompat.h"
 
 namespace sim_phone {
 
@@ -26,32 +28,62 @@ bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-std::string CommandLineOf(const std::string& pid) {
-  std::ifstream in("/proc/" + pid + "/cmdline", std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  for (char& c : text) {
-    if (c == '\0') c = ' ';
+struct ProcessEntry {
+  pid_t pid;
+  std::string command_line;  // arguments separated by spaces
+};
+
+#if defined(__linux__) && !defined(PELMORA_PORTABLE_POSIX)
+std::vector<ProcessEntry> RunningProcesses() {
+  std::vector<ProcessEntry> processes;
+  DIR* proc = ::opendir("/proc");
+  if (proc == nullptr) return processes;
+  while (dirent* entry = ::readdir(proc)) {
+    const std::string name = entry->d_name;
+    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream in("/proc/" + name + "/cmdline", std::ios::binary);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (char& c : text) {
+      if (c == '\0') c = ' ';
+    }
+    processes.push_back({static_cast<pid_t>(std::stoi(name)), text});
   }
-  return text;
+  ::closedir(proc);
+  return processes;
 }
+#else
+// No /proc on macOS: ps reads the process table (-ww: command lines at full length).
+std::vector<ProcessEntry> RunningProcesses() {
+  std::vector<ProcessEntry> processes;
+  const tarnwell::ProcessOutcome ps = tarnwell::RunProcess(
+      {"ps", "-A", "-ww", "-o", "pid=", "-o", "command="}, {}, tarnwell::Deadline::AfterMs(kKillTimeoutMs));
+  std::istringstream lines(ps.output);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const std::size_t start = line.find_first_not_of(' ');
+    const std::size_t end = line.find(' ', start);
+    if (start == std::string::npos || end == std::string::npos) continue;
+    processes.push_back({static_cast<pid_t>(std::atoi(line.c_str() + start)), line.substr(end + 1)});
+  }
+  return processes;
+}
+#endif
 
 }  // namespace
 
 std::string PrivateAdbServer::FindAdb() { return tarnwell::FindOnPath("adb"); }
 
 std::uint16_t PrivateAdbServer::FreePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) throw std::runtime_error("socket failed");
+  const posix::UniqueFd fd = posix::Socket(AF_INET, SOCK_STREAM, posix::Blocking::kYes);
+  if (!fd.ok()) throw std::runtime_error("socket failed");
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    ::close(fd);
+  if (::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     throw std::runtime_error("cannot bind a loopback port");
   }
-  ::close(fd);
   return ntohs(address.sin_port);
 }
 
@@ -105,14 +137,9 @@ void PrivateAdbServer::Disconnect(std::uint16_t phone_port) const {
 std::vector<pid_t> PrivateAdbServer::ServerProcesses() const {
   std::vector<pid_t> pids;
   std::string marker = "tcp:" + std::to_string(port_) + " fork-server";
-  DIR* proc = ::opendir("/proc");
-  if (proc == nullptr) return pids;
-  while (dirent* entry = ::readdir(proc)) {
-    std::string name = entry->d_name;
-    if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) continue;
-    if (Contains(CommandLineOf(name), marker)) pids.push_back(static_cast<pid_t>(std::stoi(name)));
+  for (const ProcessEntry& process : RunningProcesses()) {
+    if (Contains(process.command_line, marker)) pids.push_back(process.pid);
   }
-  ::closedir(proc);
   return pids;
 }
 

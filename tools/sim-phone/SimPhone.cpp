@@ -60,7 +60,7 @@ struct Message {
 }  // namespace
 
 struct SimPhone::Link {
-  int fd = -1;
+  posix::UniqueFd fd;
   std::mutex write_mutex;
   std::uint32_t host_max_data = 4096;
   bool waiting_for_user = false;  // guarded by SimPhone::mutex_
@@ -71,7 +71,7 @@ struct SimPhone::Link {
   bool ReadExact(void* buffer, std::size_t n) {
     auto* p = static_cast<char*>(buffer);
     while (n > 0) {
-      ssize_t got = ::recv(fd, p, n, 0);
+      ssize_t got = ::recv(fd.get(), p, n, 0);
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) return false;
       p += got;
@@ -105,7 +105,7 @@ struct SimPhone::Link {
     std::lock_guard<std::mutex> lock(write_mutex);
     std::size_t sent = 0;
     while (sent < bytes.size()) {
-      ssize_t n = ::send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      ssize_t n = posix::SendNoSignal(fd.get(), bytes.data() + sent, bytes.size() - sent);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) return;
       sent += static_cast<std::size_t>(n);
@@ -120,39 +120,34 @@ SimPhone::SimPhone(PhoneConfig config) : config_(std::move(config)), authorized_
 SimPhone::~SimPhone() { Leave(); }
 
 bool SimPhone::Listen(std::uint16_t port) {
-  std::uint16_t bound = 0;
-  const int fd = ListenOnLoopback(port, 16, &bound);
-  if (fd < 0) return false;
+  auto listener = std::make_shared<LoopbackListener>(port, 16);
+  if (!listener->ok()) return false;
   std::lock_guard<std::mutex> lock(mutex_);
-  listen_fd_ = fd;
-  port_ = bound;
-  acceptor_ = std::thread([this, fd] { AcceptLoop(fd); });
+  listener_ = listener;
+  port_ = listener->port();
+  acceptor_ = std::thread([this, listener] { AcceptLoop(*listener); });
   return true;
 }
 
 void SimPhone::Leave() {
-  int listen_fd;
+  std::shared_ptr<LoopbackListener> listener;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    listen_fd = listen_fd_;
-    if (listen_fd < 0) return;
-    listen_fd_ = -1;
-    // Wakes the blocked accept() (Linux returns EINVAL to it).
-    ::shutdown(listen_fd, SHUT_RDWR);
+    listener.swap(listener_);
+    if (listener == nullptr) return;
+    listener->Wake();
   }
   acceptor_.join();
   std::vector<std::thread> threads;
   std::vector<std::shared_ptr<Link>> links;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& link : links_) ::shutdown(link->fd, SHUT_RDWR);
+    for (auto& link : links_) ::shutdown(link->fd.get(), SHUT_RDWR);
     threads.swap(link_threads_);
     links.swap(links_);
   }
   // Joined without the lock: a link thread may be taking it to finish its message.
   for (auto& t : threads) t.join();
-  for (auto& link : links) ::close(link->fd);
-  ::close(listen_fd);
 }
 
 bool SimPhone::Return() {
@@ -160,24 +155,18 @@ bool SimPhone::Return() {
   return Listen(port_);
 }
 
-void SimPhone::AcceptLoop(int listen_fd) {
+void SimPhone::AcceptLoop(const LoopbackListener& listener) {
   for (;;) {
-    int fd = ::accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EINTR || errno == ECONNABORTED) continue;
-      return;
-    }
+    posix::UniqueFd fd = listener.Accept();
+    if (!fd.ok()) return;
     // Each message goes out as its own small write; Nagle would hold the second one back for
     // the host's delayed ACK (40 ms), as adbd avoids too.
     int one = 1;
-    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     auto link = std::make_shared<Link>();
-    link->fd = fd;
+    link->fd = std::move(fd);
     std::lock_guard<std::mutex> lock(mutex_);
-    if (listen_fd_ < 0) {
-      ::close(fd);
-      return;
-    }
+    if (listener_ == nullptr) return;
     links_.push_back(link);
     link_threads_.emplace_back([this, link] { Serve(link); });
   }
@@ -198,7 +187,7 @@ void SimPhone::Serve(const std::shared_ptr<Link>& link) {
         std::string service = message.data.substr(0, message.data.find('\0'));
         OnOpen(*link, message.arg0, service);
         if (drop_on_open_) {
-          ::shutdown(link->fd, SHUT_RDWR);
+          ::shutdown(link->fd.get(), SHUT_RDWR);
           return;
         }
         break;

@@ -17,6 +17,8 @@
 
 namespace sim_phone {
 
+class LoopbackListener;
+
 struct PhoneConfig {
   std::string manufacturer = "Pelmora";
   std::string model = "SimPhone";
@@ -61,7 +63,7 @@ class SimPhone {
  private:
   struct Link;
   bool Listen(std::uint16_t port);
-  void AcceptLoop(int listen_fd);
+  void AcceptLoop(const LoopbackListener& listener);
   void Serve(const std::shared_ptr<Link>& link);
   void OnConnect(Link& link);
   void OnAuth(Link& link, std::uint32_t type);
@@ -75,7 +77,7 @@ class SimPhone {
   std::atomic<bool> drop_on_open_{false};
 
   mutable std::mutex mutex_;
-  int listen_fd_ = -1;
+  std::shared_ptr<LoopbackListener> listener_;  // null while the phone is away
   std::thread acceptor_;
   std::vector<std::shared_ptr<Link>> links_;
   std::vector<std::thread> link_threads_;
