@@ -213,7 +213,11 @@ int RunMonitor(const PelmoraApi& api, const SessionSettings& settings) {
   }
 
   ShutdownSignals signals;
-  if (!signals.ok() || !SessionQueue().ok()) {
+  if (!signals.ok()) {
+    settings.err("pelmora-monitor: cannot watch for SIGINT and SIGTERM\n");
+    return kExitListenFailed;
+  }
+  if (!SessionQueue().ok()) {
     settings.err("pelmora-monitor: cannot create a pipe\n");
     return kExitListenFailed;
   }
