@@ -11,16 +11,28 @@ packages=(
   umockdev libumockdev-dev libglib2.0-dev gir1.2-umockdev-1.0 python3-gi
   adb python3
   usb.ids
+  python3-pytest
 )
 
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
 done
-[ ${#missing[@]} -eq 0 ] && exit 0
+# Node.js for the Node binding: the machine's own when it has one, else Debian's.
+command -v node >/dev/null || missing+=(nodejs npm)
 
-SUDO=""
-[ "$(id -u)" -ne 0 ] && SUDO="sudo"
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [ ${#missing[@]} -gt 0 ]; then
+  SUDO=""
+  [ "$(id -u)" -ne 0 ] && SUDO="sudo"
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# The Node binding's npm packages, from its lock file (npm ci also builds the addon); only when
+# the lock file changed since the last run.
+node_binding="$(cd "$(dirname "$0")/.." && pwd)/bindings/node"
+if ! cmp -s "$node_binding/package-lock.json" "$node_binding/node_modules/.pelmora-lock"; then
+  (cd "$node_binding" && npm ci --no-audit --no-fund --loglevel=error)
+  cp "$node_binding/package-lock.json" "$node_binding/node_modules/.pelmora-lock"
+fi

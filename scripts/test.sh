@@ -20,3 +20,14 @@ export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1:verify_asan
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp}"
 ctest --test-dir "$dir" --output-on-failure --timeout 300 -j2
+
+# The Python and Node.js bindings, against this build's library (uninstrumented hosts cannot load
+# a sanitizer build, so only the plain one).
+if [ "$kind" = plain ]; then
+  library=libPelmora.so.2
+  [ "$(uname -s)" = Darwin ] && library=libPelmora.2.dylib
+  export PELMORA_LIBRARY="$PWD/$dir/code/$library"
+  export PELMORA_SIM_PHONE="$PWD/$dir/tools/sim-phone/pelmora-sim-phone"
+  PYTHONPATH=bindings/python /usr/bin/python3 -m pytest -q -p no:cacheprovider bindings/python/tests
+  (cd bindings/node && npm run --silent build >/dev/null && node --test test/)
+fi
