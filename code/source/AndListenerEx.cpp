@@ -33,7 +33,7 @@ bool IsChipsetVendor(uint32_t vid) { return vid == 0x05C6 || vid == 0x18D1 || vi
 DeviceAuthorStatus StatusOfStateText(const std::string& state) {
   if (state.find("unauthor") != std::string::npos) return DeviceUnauthored;
   if (state.find("offline") != std::string::npos) {
-    LogEx(kLogCategory, 3, "Device offline.\r");
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Device offline.\r");
     return DeviceOffline;
   }
   return DeviceAuthored;
@@ -73,7 +73,7 @@ bool FetchUnlessCached(PropertyRead read, const char* name, const std::string& s
   char buffer[kQueryBufferSize];
   const int ret = ReadProperty(read, serial, buffer);
   if (ret != 0) {
-    LogEx(kLogCategory, 3, "%s() error %d", name, ret);
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "%s() error %d", name, ret);
     return false;
   }
   cached = BufferText(buffer);
@@ -213,7 +213,7 @@ int AndListenerEx::StartListen() {
   try {
     std::thread(&AndListenerEx::RunPollThread, this, m_poll_state).detach();
   } catch (const std::system_error& e) {
-    LogEx(kLogCategory, 3, "Fail to create the poll thread: %s, error %d.", e.what(),
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Fail to create the poll thread: %s, error %d.", e.what(),
           PELMORA_ERR_THREAD);
     return PELMORA_ERR_THREAD;
   }
@@ -233,14 +233,14 @@ void AndListenerEx::RunPollThread(std::shared_ptr<PollThreadState> state) {
 }
 
 int AndListenerEx::ListenThread() {
-  LogEx(kLogCategory, 1, "Enter %s", "ListenThread");
+  LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "Enter %s", "ListenThread");
   std::map<std::string, DeviceBasicInfo_> previous;
   int last_query_code = 0;
   while (KeepPolling(previous, last_query_code)) {
     PollOnce(previous, last_query_code);
     PauseAfterPoll();
   }
-  LogEx(kLogCategory, 3, "Exit %s", "ListenThread");
+  LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Exit %s", "ListenThread");
   return 0;
 }
 
@@ -267,7 +267,7 @@ void AndListenerEx::PollOnce(std::map<std::string, DeviceBasicInfo_>& previous,
     std::map<std::string, DeviceAuthorInfo_> adb_devices;
     const int query_code = GetDevicesAuthorStatusEx(adb_devices);
     if (query_code != 0) {
-      LogEx(kLogCategory, 3, "[%s] fail to GetDevicesAuthorStatus(), error %d!", "ListenThread",
+      LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "[%s] fail to GetDevicesAuthorStatus(), error %d!", "ListenThread",
             query_code);
     }
     const std::map<std::string, DeviceModleInfo> usb_devices =
@@ -276,9 +276,9 @@ void AndListenerEx::PollOnce(std::map<std::string, DeviceBasicInfo_>& previous,
                    &last_query_code);
   } catch (const std::exception& e) {
     // Nothing a poll meets may end the thread: the next poll starts from the same tables.
-    LogEx(kLogCategory, 3, "[%s] poll failed: %s", "ListenThread", e.what());
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "[%s] poll failed: %s", "ListenThread", e.what());
   } catch (...) {
-    LogEx(kLogCategory, 3, "[%s] poll failed", "ListenThread");
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "[%s] poll failed", "ListenThread");
   }
 }
 
@@ -315,11 +315,11 @@ void AndListenerEx::ReportChanges(const std::vector<DevicesStatusChangeInfo_>& c
                                   int query_code) {
   const std::string report = ConvertDeviceChangeToJson(changes, m_device_info_map, query_code);
   if (report.empty()) return;
-  LogEx(kLogCategory, 1, "%s", report.c_str());
+  LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s", report.c_str());
   // A null callback is refused when the listener is made; the check keeps it that way.
   if (m_callback == nullptr) return;
   const int answer = m_callback(report.c_str(), static_cast<int>(report.size()));
-  LogEx(kLogCategory, 1, "callback return %d\n", answer);
+  LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "callback return %d\n", answer);
 }
 
 void AndListenerEx::GetAssembleBasicInfo(const std::map<std::string, DeviceModleInfo>* usb_devices,
@@ -412,7 +412,7 @@ bool AndListenerEx::GetDeviceInfo(const std::string& serial, DeviceInfo_& detail
       const std::string version = BufferText(buffer);
       if (version == kClosedConnectionText) {
         // The colons and the comma are full-width, as the log has always shown them.
-        LogEx(kLogCategory, 3, "AdbGetPhoneSoftVersion() error code：%d， buffer：error: closed", ret);
+        LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "AdbGetPhoneSoftVersion() error code：%d， buffer：error: closed", ret);
         return false;
       }
       details.os_version = version;

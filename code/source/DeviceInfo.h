@@ -33,6 +33,9 @@ struct DeviceModleInfo {
   uint16_t pid = 0;
   std::string product;
   std::string manufacturer;
+  // The phone's own names for itself, for a source that can learn them over USB. No source
+  // does today: only the update form of InsertUSBDeviceInfo writes them, and nothing calls it, so
+  // they stay empty; the merge and the report carry them through unchanged all the same.
   std::string reported_manufacturer;
   std::string reported_model;
 };
@@ -46,13 +49,15 @@ struct DeviceAuthorInfo_ {
 // One device of the merged table of a poll.
 struct DeviceBasicInfo_ {
   DeviceConnectStatus status = NotConnect;
+  // Always -1: no meaning has been given to it yet. Change detection compares it, so a value
+  // given to it later is reported like any other change.
   int32_t reserved = -1;
   uint32_t vid = 0;
   uint32_t pid = 0;
   std::string actual_serial;
   std::string usb_manufacturer;
   std::string usb_product;
-  std::string reported_manufacturer;
+  std::string reported_manufacturer;  // from DeviceModleInfo, empty today (see there)
   std::string reported_model;
 };
 

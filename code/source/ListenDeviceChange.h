@@ -15,7 +15,8 @@ class ListenDeviceChange {
   virtual void StopListen() = 0;
 
   // Enters a device under its key serial. An existing entry is left untouched, except that
-  // update = true then sets its reported_model and reported_manufacturer from info.
+  // update = true then sets its reported_model and reported_manufacturer from info. The watcher
+  // always passes false: the update form waits for a source that learns those names later.
   void InsertUSBDeviceInfo(const std::string& serial, const DeviceModleInfo& info, bool update);
   // Takes the entry with this serial's key out; an absent key changes nothing.
   void RemoveUSBDeviceInfo(const std::string& serial);

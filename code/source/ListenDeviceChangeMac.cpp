@@ -11,6 +11,7 @@
 
 #include "Common.h"
 #include "LoadConfig.h"
+#include "Pelmora.h"
 #include "Quenwick.h"
 #include "Tarnwell.h"
 #include "UsbPlatform.h"
@@ -67,13 +68,13 @@ bool IsAndroidValid(unsigned short vid, unsigned short pid, std::string serial) 
   char manufacturer[kManufacturerBufferSize] = {};
   const int ret = AdbGetPhoneManufacturer(serial.c_str(), manufacturer, sizeof manufacturer, 0);
   if (ret != 0) {
-    LogEx(kLogCategory, 2, "android device disconnected or invalid,ret=%d, key serial:%s, vid:%hu, pid:%hu",
+    LogEx(kLogCategory, QUENWICK_LEVEL_WARNING, "android device disconnected or invalid,ret=%d, key serial:%s, vid:%hu, pid:%hu",
           ret, serial.c_str(), vid, pid);
     return false;
   }
   // The answer may fill the whole buffer without a terminating zero.
   if (strnlen(manufacturer, sizeof manufacturer) != 0) return true;
-  LogEx(kLogCategory, 2, "invalid android devices,ret=%d, key serial:%s, vid:%hu, pid:%hu", 0,
+  LogEx(kLogCategory, QUENWICK_LEVEL_WARNING, "invalid android devices,ret=%d, key serial:%s, vid:%hu, pid:%hu", 0,
         serial.c_str(), vid, pid);
   return false;
 }
@@ -141,7 +142,7 @@ static UsbDeviceInterface* OpenDeviceInterface(UsbService* service) {
   UsbPlugIn* plugIn = nullptr;
   const int kr = s_notification_port->CreatePlugInInterface(service, &plugIn);
   if (kr != 0 || plugIn == nullptr) {
-    Log(3, "IOCreatePlugInInterfaceForService returned 0x%08x.\n", static_cast<unsigned>(kr));
+    Log(QUENWICK_LEVEL_ERROR, "IOCreatePlugInInterfaceForService returned 0x%08x.\n", static_cast<unsigned>(kr));
     return nullptr;
   }
   UsbDeviceInterface* device = nullptr;
@@ -149,7 +150,7 @@ static UsbDeviceInterface* OpenDeviceInterface(UsbService* service) {
   s_notification_port->ReleasePlugIn(plugIn);
   if (answer != 0 || device == nullptr) {
     if (device != nullptr) s_notification_port->ReleaseDeviceInterface(device);
-    Log(1, "no io usb device info");
+    Log(QUENWICK_LEVEL_INFO, "no io usb device info");
     return nullptr;
   }
   return device;
@@ -194,7 +195,7 @@ static void HandleArrival(UsbService* service) {
   if (kr != 0) {
     // The entry and the record stay; this device's termination will not be reported.
     info->notification = nullptr;
-    Log(3, "IOServiceAddInterestNotification failed, return 0x%08x.", static_cast<unsigned>(kr));
+    Log(QUENWICK_LEVEL_ERROR, "IOServiceAddInterestNotification failed, return 0x%08x.", static_cast<unsigned>(kr));
   }
 }
 
@@ -203,7 +204,7 @@ static void DeviceAdded(void* /*refCon*/, UsbIterator* iterator) {
     try {
       HandleArrival(service);
     } catch (const std::exception& error) {
-      Log(3, "usb device arrival not handled: %s", error.what());
+      Log(QUENWICK_LEVEL_ERROR, "usb device arrival not handled: %s", error.what());
     }
     s_notification_port->ReleaseService(service);
   }
@@ -242,8 +243,8 @@ int ListenDeviceChangeMac::StartListen() {
     std::thread([this] { StartListenThread(); }).detach();
   } catch (const std::system_error& error) {
     s_watcher.running = false;
-    Log(3, "usb watcher thread not started: %s", error.what());
-    return 4;
+    Log(QUENWICK_LEVEL_ERROR, "usb watcher thread not started: %s", error.what());
+    return PELMORA_ERR_USB_WATCHER;
   }
   return 0;
 }
@@ -264,17 +265,18 @@ bool ListenDeviceChangeMac::WaitUntilListening(std::chrono::milliseconds timeout
                                     [] { return s_watcher.listening || !s_watcher.running; });
 }
 
-// Set-up and run on the given platform: 4 when set-up fails, 0 once the loop has been stopped.
+// Set-up and run on the given platform: PELMORA_ERR_USB_WATCHER when set-up fails, 0 once the
+// loop has been stopped.
 static int RunWatcher(UsbPlatform* platform) {
   if (!platform->CreateMatching()) {
-    Log(3, "IOServiceMatching return NULL!");
-    return 4;
+    Log(QUENWICK_LEVEL_ERROR, "IOServiceMatching return NULL!");
+    return PELMORA_ERR_USB_WATCHER;
   }
   s_notification_port = platform;
   const int kr = platform->AddMatchingNotification(DeviceAdded, nullptr, &s_AddedIter);
   if (kr != 0) {
-    Log(3, "IOServiceAddMatchingNotification failed, return 0x%08x", static_cast<unsigned>(kr));
-    return 4;
+    Log(QUENWICK_LEVEL_ERROR, "IOServiceAddMatchingNotification failed, return 0x%08x", static_cast<unsigned>(kr));
+    return PELMORA_ERR_USB_WATCHER;
   }
   {
     std::lock_guard<std::mutex> lock(s_watcher.mutex);
@@ -304,12 +306,12 @@ int ListenDeviceChangeMac::StartListenThread() {
   try {
     platform = factory ? factory() : CreateUsbPlatform();
     if (platform == nullptr) {
-      Log(3, "IOServiceMatching return NULL!");
+      Log(QUENWICK_LEVEL_ERROR, "IOServiceMatching return NULL!");
     } else {
       result = RunWatcher(platform.get());
     }
   } catch (const std::exception& error) {
-    Log(3, "usb watcher stopped: %s", error.what());
+    Log(QUENWICK_LEVEL_ERROR, "usb watcher stopped: %s", error.what());
   }
   {
     std::lock_guard<std::mutex> lock(s_watcher.mutex);

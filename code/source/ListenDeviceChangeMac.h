@@ -22,7 +22,8 @@ class ListenDeviceChangeMac : public ListenDeviceChange {
   // Ends the watcher thread's event loop and waits (bounded) for the thread to finish; the
   // library itself never calls it. Does nothing when no thread runs.
   void StopListen() override;
-  // The watcher thread's body: 4 when set-up fails, 0 when the loop has been stopped.
+  // The watcher thread's body: PELMORA_ERR_USB_WATCHER when set-up fails, 0 when the loop has
+  // been stopped.
   int StartListenThread();
 
   // Waits until the watcher thread has handled the devices attached at its start (or has ended);

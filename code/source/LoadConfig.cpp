@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "Common.h"
+#include "Pelmora.h"
 #include "Quenwick.h"
 
 const std::string AndroidVID = "AndroidVID.ini";
@@ -29,6 +30,9 @@ std::shared_mutex& s_tables_mutex = *new std::shared_mutex;
 std::map<unsigned int, std::string>& s_vid_manufacturer_map = *new std::map<unsigned int, std::string>;
 PidTable& s_pid_black_manufacturer_map = *new PidTable;
 PidTable& s_pid_white_manufacturer_map = *new PidTable;
+// The manufacturer/product texts of "iManufactureAndiProduct.ini". Loaded (so a broken file is
+// refused at start) but consulted by no decision today, not by the validity check either: only
+// GetManufactureProductList reads it, for diagnostics and tests.
 std::map<std::string, std::vector<std::string>>& s_imanufacture_iprduct_map =
     *new std::map<std::string, std::vector<std::string>>;
 
@@ -135,9 +139,9 @@ std::string FilePath(const char* folder, const std::string& name) {
   return std::string(folder) + "/" + name;
 }
 
-// Reads folder/name into lines; 2 when it cannot be opened.
+// Reads folder/name into lines; PELMORA_ERR_CONFIG_FILE when it cannot be opened.
 int ReadLines(const char* folder, const std::string& name, std::vector<std::string>* lines) {
-  if (folder == nullptr) return 2;
+  if (folder == nullptr) return PELMORA_ERR_CONFIG_FILE;
   std::string text;
   const int ret = ReadTotalFile(FilePath(folder, name).c_str(), &text);
   if (ret == 0) *lines = split(text, kLinePattern);
@@ -187,14 +191,14 @@ std::vector<unsigned int> CopyPidList(const PidTable& table, unsigned int vid, b
 }  // namespace
 
 int ReadTotalFile(const char* path, std::string* text) {
-  if (path == nullptr || text == nullptr) return 2;
+  if (path == nullptr || text == nullptr) return PELMORA_ERR_CONFIG_FILE;
   FILE* file = std::fopen(path, "rb");
-  if (file == nullptr) return 2;
+  if (file == nullptr) return PELMORA_ERR_CONFIG_FILE;
   // A folder or a device opens too, but has no size to read: not a configuration file.
   struct stat info;
   if (fstat(fileno(file), &info) != 0 || !S_ISREG(info.st_mode)) {
     std::fclose(file);
-    return 2;
+    return PELMORA_ERR_CONFIG_FILE;
   }
   std::fseek(file, 0, SEEK_END);
   const long size = std::ftell(file);
@@ -341,7 +345,7 @@ bool IsDeviceOnNon_AndroidList(unsigned int vid, unsigned int pid, std::string s
     black_listed = Contains(s_pid_black_manufacturer_map, vid, pid);
   }
   if (black_listed) {
-    LogEx(kLogCategory, 3, "Find non-android deivce key serial:%s\r vid:%hu\r pid:%hu",
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Find non-android deivce key serial:%s\r vid:%hu\r pid:%hu",
           serial.c_str(), static_cast<unsigned short>(vid), static_cast<unsigned short>(pid));
   }
   return black_listed;

@@ -17,7 +17,8 @@ extern const std::string AndroidPIDBlack;          // "AndroidPIDBlack.ini"
 extern const std::string AndroidPIDWhite;          // "AndroidPIDWhite.ini"
 extern const std::string iManufactureAndiProduct;  // "iManufactureAndiProduct.ini"
 
-// Reads the whole file into *text (empty on entry). 0 when it could be opened, 2 when not.
+// Reads the whole file into *text (empty on entry). 0 when it could be opened,
+// PELMORA_ERR_CONFIG_FILE when not.
 int ReadTotalFile(const char* path, std::string* text);
 
 // Cuts text at every match of the ECMAScript regular expression pattern: the pieces between

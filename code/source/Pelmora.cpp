@@ -26,9 +26,9 @@ int Guarded(const char* function, Body body) noexcept {
   try {
     return body();
   } catch (const std::exception& e) {
-    LogEx(kLogCategory, 3, "%s failed: %s", function, e.what());
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "%s failed: %s", function, e.what());
   } catch (...) {
-    LogEx(kLogCategory, 3, "%s failed: unknown exception", function);
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "%s failed: unknown exception", function);
   }
   return PELMORA_ERR_INTERNAL;
 }
@@ -37,29 +37,29 @@ int Guarded(const char* function, Body body) noexcept {
 
 extern "C" PELMORA_API int InitPelmora(const char* config_dir, const char* resource_dir,
                                        const char* log_dir) {
-  if (IsMissing(config_dir) || IsMissing(resource_dir) || IsMissing(log_dir)) return 1;
+  if (IsMissing(config_dir) || IsMissing(resource_dir) || IsMissing(log_dir)) return PELMORA_ERR_ARGUMENT;
   return Guarded("InitPelmora", [&] {
     const std::string log_path = std::string(log_dir) + "/" + kLogFileName;
     InitLogEx(config_dir, kLogCategory, log_path.c_str());
 
     int ret = AdbSdkInit(resource_dir, config_dir, log_dir);
-    if (ret != 0) LogEx(kLogCategory, 3, "Fail to init adb sdk, error %d.", ret);
+    if (ret != 0) LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Fail to init adb sdk, error %d.", ret);
 
     ret = LoadVIDConfig(config_dir);
-    if (ret != 0) LogEx(kLogCategory, 3, "Fail to load vid config, error %d.", ret);
+    if (ret != 0) LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Fail to load vid config, error %d.", ret);
 
     ret = LoadiManufactureAndiProductConfig(config_dir);
     if (ret != 0) {
-      LogEx(kLogCategory, 3, "Fail to load iManufacture and iProduct config, error %d.", ret);
+      LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Fail to load iManufacture and iProduct config, error %d.", ret);
     }
-    LogEx(kLogCategory, 1, "Pelmora verion %s", kVersion);
+    LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "Pelmora verion %s", kVersion);
     return ret;
   });
 }
 
 extern "C" PELMORA_API int StartAdbServer(bool have_adb_been_killed) {
   return Guarded("StartAdbServer", [&] {
-    LogEx(kLogCategory, 1, "%s Enter... (have adb been killed=%s)", "StartAdbServer",
+    LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s Enter... (have adb been killed=%s)", "StartAdbServer",
           have_adb_been_killed ? "true" : "false");
     return AdbStartDaemon(have_adb_been_killed ? 0 : 1, 0);
   });
@@ -67,12 +67,12 @@ extern "C" PELMORA_API int StartAdbServer(bool have_adb_been_killed) {
 
 extern "C" PELMORA_API int StartListenAndroidDevice(PelmoraDeviceCallback callback) {
   return Guarded("StartListenAndroidDevice", [&] {
-    LogEx(kLogCategory, 1, "%s Enter...", "StartListenAndroidDevice");
+    LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s Enter...", "StartListenAndroidDevice");
     if (s_listen_object == nullptr) {
       // A null callback would be called from the poll thread: refuse it, and keep the slot free
       // so that a later call with a real callback can still register.
       if (callback == nullptr) {
-        LogEx(kLogCategory, 3, "StartListenAndroidDevice: null callback refused, error %d.",
+        LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "StartListenAndroidDevice: null callback refused, error %d.",
               PELMORA_ERR_NULL_CALLBACK);
         return PELMORA_ERR_NULL_CALLBACK;
       }
@@ -84,7 +84,7 @@ extern "C" PELMORA_API int StartListenAndroidDevice(PelmoraDeviceCallback callba
 
 extern "C" PELMORA_API void StopListenAndroidDevice(void) {
   Guarded("StopListenAndroidDevice", [&] {
-    LogEx(kLogCategory, 1, "%s Enter...", "StopListenAndroidDevice");
+    LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s Enter...", "StopListenAndroidDevice");
     if (s_listen_object != nullptr) s_listen_object->StopListen();
     return 0;
   });

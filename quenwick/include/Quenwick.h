@@ -39,13 +39,19 @@ extern "C" {
 #define QUENWICK_ERR_BAD_ARGUMENT 1   /* null or empty path, null category or format */
 #define QUENWICK_ERR_OPEN_FAILED 2    /* the log file (or its folder) cannot be created */
 #define QUENWICK_ERR_NOT_INITIALISED 3
+#define QUENWICK_ERR_WRITE_FAILED 4   /* the line could not be formatted or handed to the file */
 
-/* Opens (creating its folder when needed) the log file at log_path. config_dir is accepted for
- * the contract and may be used for settings in a later version; category is the default
- * category of this log. Returns QUENWICK_OK or an error above. */
+/* Levels, written into each line as "[L<level>]"; any int is written as given. */
+#define QUENWICK_LEVEL_INFO 1     /* traces and information */
+#define QUENWICK_LEVEL_WARNING 2  /* something refused or passed over, and the work goes on */
+#define QUENWICK_LEVEL_ERROR 3    /* failures, and the events the caller wants found quickly */
+
+/* Opens (creating its folder when needed) the log file at log_path. config_dir and category are
+ * accepted for the contract and not used: every LogEx line carries the category of its own call,
+ * and a Log line none. Returns QUENWICK_OK or an error above. */
 QUENWICK_API int InitLogEx(const char* config_dir, const char* category, const char* log_path);
 
-/* printf-style; level is written as given (1 trace/info, 2 warning, 3 error by convention). */
+/* printf-style; level is one of QUENWICK_LEVEL_* by convention, written as given. */
 QUENWICK_API int LogEx(const char* category, int level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 

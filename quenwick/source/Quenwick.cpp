@@ -87,7 +87,7 @@ int Write(int level, const char* category, const char* format, va_list args) noe
     logger->log(spdlog::level::info, spdlog::string_view_t(line.data(), line.size()));
     return QUENWICK_OK;
   } catch (...) {
-    return QUENWICK_ERR_OPEN_FAILED;
+    return QUENWICK_ERR_WRITE_FAILED;
   }
 }
 

@@ -61,7 +61,7 @@ void LogFailure(const char* function, int code, std::string why) {
   for (char& c : why) {
     if (c == '\n' || c == '\r') c = ' ';
   }
-  LogEx(kLogCategory, 3, "%s failed, error %d: %s", function, code, why.c_str());
+  LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "%s failed, error %d: %s", function, code, why.c_str());
 }
 
 // Runs body, turning any exception into a code and a log line.
@@ -116,7 +116,7 @@ int ReadProperty(const char* function, const char* property, const char* serial,
     return result;
   }
   if (closed_early) {
-    LogEx(kLogCategory, 2, "%s: %s closed before answering", function, serial);
+    LogEx(kLogCategory, QUENWICK_LEVEL_WARNING, "%s: %s closed before answering", function, serial);
     printed = kClosedText;
   }
   tarnwell::CopyPropertyValue(printed, buffer, static_cast<std::size_t>(size));
@@ -215,7 +215,7 @@ int SdkInit(const char* resource_dir, const char* config_dir, const char* log_di
                std::string("no adb in ") + resource_dir + " or on PATH");
     return TARNWELL_ERR_NO_ADB;
   }
-  LogEx(kLogCategory, 1, "%s: using %s", kFunction, adb.c_str());
+  LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s: using %s", kFunction, adb.c_str());
   return TARNWELL_OK;
 }
 

@@ -249,24 +249,27 @@ TEST_F(Session, ClosedOutputEndsTheSessionCleanly) {
 }
 
 TEST_F(Session, FailuresGiveTheirExitCodesAndMeanings) {
-  fake_.init_result = 2;
-  EXPECT_EQ(monitor::kExitInitFailed, monitor::RunMonitor(kFakeApi, settings_));
-  EXPECT_NE(std::string::npos, err_.find("InitPelmora failed with code 2"));
-  EXPECT_NE(std::string::npos, err_.find("iManufactureAndiProduct.ini"));
-
-  fake_.init_result = 0;
-  fake_.adb_result = 108;
-  err_.clear();
-  EXPECT_EQ(monitor::kExitAdbFailed, monitor::RunMonitor(kFakeApi, settings_));
-  EXPECT_NE(std::string::npos, err_.find("StartAdbServer failed with code 108"));
-  EXPECT_NE(std::string::npos, err_.find("no adb executable"));
-
-  fake_.adb_result = 0;
-  fake_.listen_result = 5;
-  err_.clear();
-  EXPECT_EQ(monitor::kExitListenFailed, monitor::RunMonitor(kFakeApi, settings_));
-  EXPECT_NE(std::string::npos, err_.find("StartListenAndroidDevice failed with code 5"));
-  EXPECT_EQ(0, fake_.stop_calls.load());
+  const struct {
+    int init, adb, listen, exit_code;
+    const char* said;
+    const char* meaning;
+  } kCases[] = {
+      {2, 0, 0, monitor::kExitInitFailed, "InitPelmora failed with code 2", "iManufactureAndiProduct.ini"},
+      {0, 108, 0, monitor::kExitAdbFailed, "StartAdbServer failed with code 108", "no adb executable"},
+      {0, 112, 0, monitor::kExitAdbFailed, "StartAdbServer failed with code 112", "not a port number"},
+      {0, 999, 0, monitor::kExitAdbFailed, "StartAdbServer failed with code 999", "an unknown code"},
+      {0, 0, 5, monitor::kExitListenFailed, "StartListenAndroidDevice failed with code 5", ""},
+  };
+  for (const auto& c : kCases) {
+    fake_.init_result = c.init;
+    fake_.adb_result = c.adb;
+    fake_.listen_result = c.listen;
+    err_.clear();
+    EXPECT_EQ(c.exit_code, monitor::RunMonitor(kFakeApi, settings_)) << c.said;
+    EXPECT_NE(std::string::npos, err_.find(c.said)) << err_;
+    EXPECT_NE(std::string::npos, err_.find(c.meaning)) << err_;
+  }
+  EXPECT_EQ(0, fake_.stop_calls.load()) << "nothing listened, so nothing is stopped";
 }
 
 TEST_F(Session, BadFoldersStopBeforeTheLibraryIsTouched) {

@@ -200,6 +200,7 @@ std::string DescribeAdbResult(int code) {
     case TARNWELL_ERR_START_FAILED: return "adb start-server ran, yet no server answers";
     case TARNWELL_ERR_NO_MEMORY: return "out of memory";
     case TARNWELL_ERR_IO: return "a socket or process error";
+    case TARNWELL_ERR_BAD_PORT: return "ANDROID_ADB_SERVER_PORT is set but is not a port number";
     default: return "an unknown code";
   }
 }

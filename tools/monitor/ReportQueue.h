@@ -10,7 +10,7 @@
 namespace monitor {
 
 // Push never blocks: it queues a copy and writes one byte to a non-blocking pipe whose read end
-// the main thread polls beside the signal pipe.
+// the main thread polls beside the descriptor that brings SIGINT and SIGTERM.
 class ReportQueue {
  public:
   ReportQueue();

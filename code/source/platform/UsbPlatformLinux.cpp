@@ -240,7 +240,7 @@ class LinuxUsbPlatform : public UsbPlatform {
       const int ready = ::poll(fds, 2, -1);
       if (ready < 0 && errno == EINTR) continue;
       if (ready < 0) {
-        Log(3, "usb event loop failed: %s", ErrorText(errno).c_str());
+        Log(QUENWICK_LEVEL_ERROR, "usb event loop failed: %s", ErrorText(errno).c_str());
         return;
       }
       if (fds[1].revents != 0) return;
@@ -324,7 +324,7 @@ class LinuxUsbPlatform : public UsbPlatform {
     const int error = ControlTransfer(device->names.devnode, request);
     if (error == 0 || !IsHostRefusal(error)) return error;
     device->node_unusable = true;
-    Log(1, "usb device %s: control transfer on %s refused (%s); sysfs answers the rest",
+    Log(QUENWICK_LEVEL_INFO, "usb device %s: control transfer on %s refused (%s); sysfs answers the rest",
         device->names.syspath.c_str(), device->names.devnode.c_str(), ErrorText(error).c_str());
     return StringRequestFromSysfs(*device, request);
   }
@@ -369,12 +369,12 @@ class LinuxUsbPlatform : public UsbPlatform {
     const uint8_t indexes[] = {device->fields.manufacturer_index, device->fields.product_index};
     for (const uint8_t index : indexes) {
       if (index != 0 && SysfsText(*device, index) == nullptr) {
-        Log(1, "usb device %s: strings read by control transfer on %s (sysfs has no string %u)",
+        Log(QUENWICK_LEVEL_INFO, "usb device %s: strings read by control transfer on %s (sysfs has no string %u)",
             device->names.syspath.c_str(), device->names.devnode.c_str(), index);
         return;
       }
     }
-    Log(1, "usb device %s: strings taken from sysfs", device->names.syspath.c_str());
+    Log(QUENWICK_LEVEL_INFO, "usb device %s: strings taken from sysfs", device->names.syspath.c_str());
   }
 
   // Queues a device for the arrival handler, unless it was delivered already and is still there.
