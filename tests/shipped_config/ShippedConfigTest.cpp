@@ -2,6 +2,7 @@
 // they accept, and the tables they build hold what the files say.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -128,6 +129,23 @@ TEST_F(ShippedConfig, NamedRealDevicesAreTakenOrLeftToAdb) {
     EXPECT_EQ(d.phone, taken) << d.name;
   }
   EXPECT_FALSE(IsDeviceOnWhitePidList(0x04E8, 0x61F5)) << "Samsung Portable SSD T5";
+}
+
+// The generated udev rules grant access only through an ADB/fastboot interface or a product pair.
+TEST_F(ShippedConfig, UdevRulesNeverOpenAWholeVendor) {
+  std::string text;
+  ASSERT_EQ(0, ReadTotalFile(PELMORA_UDEV_RULES, &text));
+  int grants = 0;
+  for (const std::string& line : split(text, "[\r\n]+")) {
+    if (line.empty() || line[0] == '#') continue;
+    const bool by_interface = std::regex_search(line, std::regex(R"(ENV\{ID_USB_INTERFACES\}=="\*:ff420[13]:\*")"));
+    const bool by_product = line.find("ATTR{idProduct}==") != std::string::npos;
+    EXPECT_TRUE(by_product || line.find("idVendor") == std::string::npos) << line;
+    if (line.find("MODE=") == std::string::npos && line.find("uaccess") == std::string::npos) continue;
+    ++grants;
+    EXPECT_TRUE(by_interface || by_product) << "a rule that narrows neither way: " << line;
+  }
+  EXPECT_EQ(2 + EntriesOf("AndroidPIDWhite.ini").size(), static_cast<size_t>(grants));
 }
 
 TEST_F(ShippedConfig, ManufacturerFileHoldsOnlyTwoFieldLinesBesidesRemarks) {
