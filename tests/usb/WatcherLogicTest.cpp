@@ -1,19 +1,20 @@
-// The watcher logic through a simulated platform: string descriptor decoding, arrival and
-// termination, the validity check and every failure line, with the ADB service library and the
-// log library replaced by in-memory stand-ins.
+// The watcher logic through the IOKit source on a simulated IOKit: string descriptor decoding,
+// arrival and termination, the validity check and every failure line, with the ADB service
+// library and the log library replaced by in-memory stand-ins. Every IOKit handle, plug-in,
+// device interface and CF object taken must be given back by the time the watcher stops.
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "FakeTarnwell.h"
-#include "FakeUsbPlatform.h"
+#include "IOKitStandIn.h"
 #include "ListenDeviceChangeMac.h"
 #include "LogCapture.h"
 #include "UsbTestLists.h"
 
-using fake_usb::Device;
-using fake_usb::StringAnswer;
-using fake_usb::Text;
+using iokit_standin::Device;
+using iokit_standin::StringAnswer;
+using iokit_standin::Text;
 
 namespace {
 
@@ -62,18 +63,19 @@ class Watcher : public ::testing::Test {
   void SetUp() override {
     fake_adb::Reset();
     log_capture::Clear();
-    world_ = std::make_shared<fake_usb::World>();
+    world_ = std::make_unique<iokit_standin::World>();
     SetUsbPlatformFactory(world_->Factory());
     watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
   }
 
   void TearDown() override {
     watcher_->StopListen();
-    const fake_usb::Handles left = world_->Outstanding();
+    const iokit_standin::Handles left = world_->Outstanding();
     EXPECT_EQ(left.services, 0);
     EXPECT_EQ(left.plugins, 0);
     EXPECT_EQ(left.interfaces, 0);
     EXPECT_EQ(left.notifications, 0);
+    EXPECT_EQ(left.others, 0) << "iterator, notification port, run-loop source or CF object";
     EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty()) << "a stopped watcher leaves no entry";
     SetUsbPlatformFactory(nullptr);
   }
@@ -92,7 +94,7 @@ class Watcher : public ::testing::Test {
   }
   std::map<std::string, DeviceModleInfo> Table() { return watcher_->CopyUSBDeviceMap(); }
 
-  std::shared_ptr<fake_usb::World> world_;
+  std::unique_ptr<iokit_standin::World> world_;
   ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
@@ -145,6 +147,8 @@ TEST_F(Watcher, AsksForStringsWithTheStandardRequestIndexZeroIncluded) {
   EXPECT_EQ(requests[0].wValue, 0x0300);
   EXPECT_EQ(requests[0].wIndex, 0x0409);
   EXPECT_EQ(requests[0].wLength, 256);
+  EXPECT_GT(requests[0].noDataTimeout, 0u) << "a silent device must not hold the watcher up";
+  EXPECT_GT(requests[0].completionTimeout, 0u);
   EXPECT_EQ(requests[1].wValue, 0x0302);
 }
 
@@ -175,10 +179,10 @@ TEST_F(Watcher, DeviceWithoutUsableSerialLeavesNoTrace) {
   too_long.serial = std::string(260, 'x');
   Device longest = Phone("longest");
   longest.serial = std::string(259, 'y');
+  Device number = Phone("number");
+  number.serial_is_number = true;
   Start();
-  Plug(absent);
-  Plug(empty);
-  Plug(too_long);
+  for (const Device& device : {absent, empty, too_long, number}) Plug(device);
   EXPECT_TRUE(Table().empty());
   EXPECT_TRUE(log_capture::Lines().empty());
   EXPECT_TRUE(fake_adb::Calls().empty());
@@ -246,17 +250,20 @@ TEST_F(Watcher, DevicesWithoutAnInterfaceArePassedOverWithTheirLogLines) {
   empty.plugin_missing = true;
   Device no_interface = Phone("no-interface");
   no_interface.interface_result = 0x7;
+  Device too_old = Phone("too-old");
+  too_old.interface_version = 320;  // older than any version asked for
+  Device older = Phone("older");
+  older.interface_version = 650;
   Start();
-  Plug(refused);
-  Plug(empty);
-  Plug(no_interface);
-  EXPECT_TRUE(Table().empty());
+  for (const Device& device : {refused, empty, no_interface, too_old, older}) Plug(device);
+  EXPECT_EQ(Table().size(), 1u);
+  EXPECT_EQ(Table().count("older"), 1u) << "the newest interface the system offers serves";
   EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0xe00002c7.\n"), 1);
   EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0x00000000.\n"), 1);
-  EXPECT_EQ(log_capture::Count(1, "no io usb device info"), 1);
+  EXPECT_EQ(log_capture::Count(1, "no io usb device info"), 2);
   for (const log_capture::Line& line : log_capture::Lines()) EXPECT_FALSE(line.has_category);
   EXPECT_EQ(world_->Outstanding().plugins, 0);
-  EXPECT_EQ(world_->Outstanding().interfaces, 0);
+  EXPECT_EQ(world_->Outstanding().interfaces, 1) << "only the recorded device keeps one";
 }
 
 TEST_F(Watcher, DeviceRejectedAfterAnAdbErrorIsNotRecordedAndNotAskedAgain) {
@@ -310,7 +317,15 @@ TEST_F(Watcher, StartStopAndRestart) {
 
   Start();
   EXPECT_EQ(world_->PlatformsCreated(), 2);
-  EXPECT_EQ(Table().size(), 1u) << "the new thread drains the attached devices again";
+  EXPECT_EQ(Table().size(), 2u) << "the new thread drains the attached devices again";
+
+  // A stop that comes before the run loop runs still ends the thread.
+  for (int round = 0; round < 5; ++round) {
+    watcher_->StopListen();
+    ASSERT_EQ(watcher_->StartListen(), 0);
+  }
+  watcher_->StopListen();
+  EXPECT_EQ(world_->PlatformsCreated(), 7) << "each start found the previous thread ended";
 }
 
 TEST_F(Watcher, SetUpFailuresEndTheThreadWithTheirLines) {

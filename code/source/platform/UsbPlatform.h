@@ -1,7 +1,7 @@
 // The operating system's side of the USB watcher: a source of arrival and termination events and
 // the few per-device queries the watcher makes. One implementation per platform lives beside this
-// header (UsbPlatformLinux.cpp with libudev and usbfs; a macOS one would sit beside it with IOKit),
-// and CreateUsbPlatform() picks it. The watcher logic (ListenDeviceChangeMac) only sees this.
+// header (UsbPlatformLinux.cpp with libudev and usbfs, UsbPlatformMac.cpp with IOKit), and
+// CreateUsbPlatform() picks this system's. The watcher logic (ListenDeviceChangeMac) only sees this.
 //
 // Every call is made on the watcher thread, except StopLoop, which may come from any thread.
 #pragma once
@@ -88,3 +88,6 @@ class UsbPlatform {
 
 // This platform's implementation.
 std::unique_ptr<UsbPlatform> CreateUsbPlatform();
+// The IOKit implementation by its own name, so that tests elsewhere can build it against a
+// simulated IOKit beside the native one.
+std::unique_ptr<UsbPlatform> CreateMacUsbPlatform();

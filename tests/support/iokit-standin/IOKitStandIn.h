@@ -1,23 +1,19 @@
-// A simulated USB platform for the watcher logic: the test plugs and unplugs scripted devices,
-// the watcher thread receives them through the same interface the operating system's source
-// serves, and the test can see every request made and every handle still held.
+// A scriptable IOKit and CoreFoundation behind the stand-in headers of include/: the test plugs
+// and unplugs simulated USB devices and sends them interest messages; the macOS USB source, built
+// against these headers, receives them on its run loop as it would from the system. Every
+// handle, plug-in, device interface and CF object it still holds can be counted.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "ListenDeviceChangeMac.h"
-#include "UsbPlatform.h"
 
-namespace fake_usb {
+namespace iokit_standin {
 
 // How the device answers one string descriptor request.
 struct StringAnswer {
@@ -32,15 +28,17 @@ struct StringAnswer {
 
 struct Device {
   std::string id;  // the test's name for it
-  std::optional<std::string> serial;
+  std::optional<std::string> serial;  // the "USB Serial Number" property
+  bool serial_is_number = false;      // the property holds a number instead of a text
   uint16_t vid = 0;
   uint16_t pid = 0;
   uint8_t manufacturer_index = 1;
   uint8_t product_index = 2;
   std::map<uint8_t, StringAnswer> strings;  // an index not here stalls
   int plugin_result = 0;
-  bool plugin_missing = false;
-  int interface_result = 0;
+  bool plugin_missing = false;  // the plug-in call succeeds without a plug-in
+  int interface_result = 0;     // QueryInterface's answer for a device interface it offers
+  int interface_version = 942;  // the newest device interface the system offers
   int interest_result = 0;
 };
 
@@ -50,45 +48,34 @@ StringAnswer Text(const std::string& ascii);
 struct Request {
   uint8_t bmRequestType, bRequest;
   uint16_t wValue, wIndex, wLength;
+  uint32_t noDataTimeout, completionTimeout;
 };
 
 struct Handles {
   int services = 0, plugins = 0, interfaces = 0, notifications = 0;
+  int others = 0;  // iterators, notification ports and CF objects
 };
 
-// Shared between the test and the platforms it hands to the watcher.
-class World : public std::enable_shared_from_this<World> {
+// The simulated system; one at a time. Scripted fields are read when the watcher sets up.
+class World {
  public:
-  std::vector<Device> attached;  // set before the start: what the initial drain sees
+  World();
+  ~World();
+  std::vector<Device> attached;  // what the arrival registration finds; Plug and Unplug keep it
   bool matching_fails = false;
   int add_matching_result = 0;
 
+  // The macOS USB source, built against the stand-in.
   UsbPlatformFactory Factory();
   void Plug(const Device& device);
   void Unplug(const std::string& id);
   void Message(const std::string& id, uint32_t messageType);
-  // Waits until every queued event has been handled by the watcher thread.
+  // Waits until every queued event has been handled on the watcher's run loop.
   bool WaitIdle(std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
   Handles Outstanding();
   int PlatformsCreated();
   std::vector<Request> Requests();
-
- private:
-  friend class Platform;
-  struct Event {
-    enum Kind { kPlug, kMessage } kind;
-    Device device;
-    uint32_t messageType = 0;
-  };
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::deque<Event> events_;
-  bool busy_ = false;
-  bool stop_ = false;
-  Handles handles_;
-  int platforms_ = 0;
-  std::vector<Request> requests_;
 };
 
-}  // namespace fake_usb
+}  // namespace iokit_standin

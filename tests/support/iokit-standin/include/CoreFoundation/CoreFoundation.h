@@ -1,0 +1,98 @@
+// Stand-in: the part of CoreFoundation that the macOS USB source uses, with Apple's names, types
+// and values (CFBase, CFString, CFUUID, CFRunLoop, CFPlugInCOM). Behaviour: IOKitStandIn.cpp.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef uint8_t UInt8;
+typedef uint16_t UInt16;
+typedef uint32_t UInt32;
+typedef int32_t SInt32;
+typedef unsigned char Boolean;
+typedef signed long CFIndex;
+typedef unsigned long CFTypeID;
+typedef unsigned long CFHashCode;
+typedef UInt32 CFStringEncoding;
+
+typedef const void* CFTypeRef;
+typedef const struct __CFAllocator* CFAllocatorRef;
+typedef const struct __CFString* CFStringRef;
+typedef const struct __CFDictionary* CFDictionaryRef;
+typedef struct __CFDictionary* CFMutableDictionaryRef;
+typedef const struct __CFUUID* CFUUIDRef;
+typedef struct __CFRunLoop* CFRunLoopRef;
+typedef struct __CFRunLoopSource* CFRunLoopSourceRef;
+typedef CFStringRef CFRunLoopMode;
+
+enum { kCFStringEncodingUTF8 = 0x08000100 };
+
+extern const CFAllocatorRef kCFAllocatorDefault;
+extern const CFRunLoopMode kCFRunLoopDefaultMode;
+
+CFTypeRef CFRetain(CFTypeRef object);
+void CFRelease(CFTypeRef object);
+CFTypeID CFGetTypeID(CFTypeRef object);
+
+CFTypeID CFStringGetTypeID(void);
+Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex bufferSize,
+                           CFStringEncoding encoding);
+CFStringRef __CFStringMakeConstantString(const char* text);
+#define CFSTR(text) __CFStringMakeConstantString("" text "")
+
+typedef struct {
+  UInt8 byte0, byte1, byte2, byte3, byte4, byte5, byte6, byte7;
+  UInt8 byte8, byte9, byte10, byte11, byte12, byte13, byte14, byte15;
+} CFUUIDBytes;
+CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef allocator, UInt8 byte0, UInt8 byte1,
+                                         UInt8 byte2, UInt8 byte3, UInt8 byte4, UInt8 byte5,
+                                         UInt8 byte6, UInt8 byte7, UInt8 byte8, UInt8 byte9,
+                                         UInt8 byte10, UInt8 byte11, UInt8 byte12, UInt8 byte13,
+                                         UInt8 byte14, UInt8 byte15);
+CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid);
+
+// A version 0 source: it fires (perform, on the loop's thread) once signalled and the loop runs.
+typedef struct {
+  CFIndex version;
+  void* info;
+  const void* (*retain)(const void* info);
+  void (*release)(const void* info);
+  CFStringRef (*copyDescription)(const void* info);
+  Boolean (*equal)(const void* info1, const void* info2);
+  CFHashCode (*hash)(const void* info);
+  void (*schedule)(void* info, CFRunLoopRef loop, CFRunLoopMode mode);
+  void (*cancel)(void* info, CFRunLoopRef loop, CFRunLoopMode mode);
+  void (*perform)(void* info);
+} CFRunLoopSourceContext;
+
+CFRunLoopRef CFRunLoopGetCurrent(void);
+void CFRunLoopRun(void);
+void CFRunLoopStop(CFRunLoopRef loop);
+void CFRunLoopWakeUp(CFRunLoopRef loop);
+void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
+void CFRunLoopRemoveSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
+CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef allocator, CFIndex order,
+                                         CFRunLoopSourceContext* context);
+void CFRunLoopSourceSignal(CFRunLoopSourceRef source);
+void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source);
+
+// COM conventions of CFPlugIn: the first slots of every interface table.
+typedef SInt32 HRESULT;
+typedef UInt32 ULONG;
+typedef void* LPVOID;
+typedef CFUUIDBytes REFIID;
+#define S_OK ((HRESULT)0x00000000)
+#define E_NOINTERFACE ((HRESULT)0x80000004)
+#define IUNKNOWN_C_GUTS                                                      \
+  void* _reserved;                                                           \
+  HRESULT (*QueryInterface)(void* thisPointer, REFIID iid, LPVOID* ppv);     \
+  ULONG (*AddRef)(void* thisPointer);                                        \
+  ULONG (*Release)(void* thisPointer)
+
+#ifdef __cplusplus
+}
+#endif
