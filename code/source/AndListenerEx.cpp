@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <system_error>
@@ -30,29 +31,72 @@ constexpr const char* kClosedConnectionText = "error: closed";
 // says little about the maker of the phone.
 bool IsChipsetVendor(uint32_t vid) { return vid == 0x05C6 || vid == 0x18D1 || vid == 0x0E8D; }
 
-DeviceAuthorStatus StatusOfStateText(const std::string& state) {
-  if (state.find("unauthor") != std::string::npos) return DeviceUnauthored;
-  if (state.find("offline") != std::string::npos) {
+constexpr const char* kUsableState = "device";
+constexpr const char* kNoPermissionsState = "no permissions";
+
+// The ADB status of a state word; false for the states in which ADB is still setting the link up
+// ("connecting", "authorizing"): such a device is left out of the poll, so that the USB view
+// stands for it until ADB settles, and no report calls it authorised before its details can be
+// read.
+bool AuthorStatusOfState(const std::string& state, DeviceAuthorStatus* status) {
+  if (state == kUsableState) {
+    *status = DeviceAuthored;
+  } else if (state.find("unauthor") != std::string::npos) {
+    *status = DeviceUnauthored;
+  } else if (state.find("offline") != std::string::npos) {
     LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Device offline.\r");
-    return DeviceOffline;
+    *status = DeviceOffline;
+  } else if (state == "connecting" || state == "authorizing") {
+    return false;
+  } else {
+    *status = DeviceNotUsableThroughAdb;
   }
-  return DeviceAuthored;
+  return true;
 }
 
-// "serial-state;serial-state;...": an entry without its "-" or its closing ";" ends the list.
-void ParseDeviceListText(const char* text, std::map<std::string, DeviceAuthorInfo_>& devices) {
-  const char* entry = text;
-  while (*entry != '\0') {
-    const char* dash = std::strchr(entry, '-');
-    if (dash == nullptr) return;
-    const char* end = std::strchr(dash + 1, ';');
-    if (end == nullptr) return;
-    const std::string serial(entry, dash);
-    DeviceAuthorInfo_& device = devices[GetLowerCaseString(serial)];
-    device.status = StatusOfStateText(std::string(dash + 1, end));
-    device.serial = serial;
-    entry = end + 1;
+// Key serials that the last list named "no permissions": the remedy is logged when a device
+// first shows so, not on every poll.
+std::mutex s_no_permission_mutex;
+std::set<std::string> s_no_permission_keys;  // guarded by s_no_permission_mutex
+
+void LogNewNoPermissionDevices(const std::map<std::string, std::string>& now) {
+  std::set<std::string> keys;
+  std::lock_guard<std::mutex> lock(s_no_permission_mutex);
+  for (const auto& [key, serial] : now) {
+    keys.insert(key);
+    if (s_no_permission_keys.count(key) != 0) continue;
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR,
+          "Device %s: no permissions, adb cannot open its USB device node. Install the udev rules "
+          "(51-pelmora-android.rules), add the user to the plugdev group, log in again and plug "
+          "the device in again.",
+          serial.c_str());
   }
+  s_no_permission_keys = std::move(keys);
+}
+
+// "serial-state;serial-state;...". The serial is everything before the entry's last "-", since
+// serials hold dashes ("emulator-5554") and states never do. An entry without "-" is passed
+// over; one without its closing ";" ends the list.
+void ParseDeviceListText(const char* text, std::map<std::string, DeviceAuthorInfo_>& devices) {
+  std::map<std::string, std::string> no_permission;
+  for (const char* entry = text; *entry != '\0';) {
+    const char* end = std::strchr(entry, ';');
+    if (end == nullptr) break;
+    const std::string item(entry, end);
+    entry = end + 1;
+    const size_t dash = item.rfind('-');
+    if (dash == std::string::npos || dash == 0) continue;
+    const std::string serial = item.substr(0, dash);
+    const std::string state = item.substr(dash + 1);
+    DeviceAuthorStatus status = DeviceAuthored;
+    if (!AuthorStatusOfState(state, &status)) continue;
+    const std::string key = GetLowerCaseString(serial);
+    DeviceAuthorInfo_& device = devices[key];
+    device.status = status;
+    device.serial = serial;
+    if (state == kNoPermissionsState) no_permission[key] = serial;
+  }
+  LogNewNoPermissionDevices(no_permission);
 }
 
 // One property read into a zeroed buffer; the text up to the first NUL.
@@ -170,7 +214,7 @@ int GetDevicesAuthorStatusEx(std::map<std::string, DeviceAuthorInfo_>& devices) 
   int device_count = 0;
   const int ret = AdbGetDevicesEx(&list, &device_count, 0);
   if (ret != 0) return ret;
-  if (list != nullptr) ParseDeviceListText(list, devices);
+  ParseDeviceListText(list != nullptr ? list : "", devices);
   AdbFreeResource(&list);
   return 0;
 }

@@ -16,6 +16,8 @@ DeviceConnectStatus ConvertAuthorStatus2ConnectStatus(DeviceAuthorStatus status)
       return OfflineConnect;
     case DeviceUnauthored:
       return UnauthoredConnect;
+    case DeviceNotUsableThroughAdb:
+      return AdbConnect;
     default:
       return AuthoredConnect;
   }

@@ -8,7 +8,7 @@
 enum DeviceConnectStatus : int32_t {
   NotConnect = 0,
   MtpConnect = 1,
-  AdbConnect = 2,  // kept for its row in the name table; nothing produces it
+  AdbConnect = 2,  // ADB lists it, but Android on it cannot be used through ADB now
   OfflineConnect = 3,
   UnauthoredConnect = 4,
   AuthoredConnect = 5,
@@ -24,6 +24,9 @@ enum DeviceAuthorStatus : int32_t {
   DeviceAuthored = 0,
   DeviceUnauthored = 1,
   DeviceOffline = 2,
+  // Listed, but in a state where Android cannot be used through ADB: no permission to open it,
+  // bootloader, recovery, sideload, rescue, host, detached, or a state this library does not know.
+  DeviceNotUsableThroughAdb = 3,
 };
 
 // What the USB watcher learned about an attached USB device.

@@ -18,7 +18,10 @@ constexpr std::size_t kMaxPrintedBytes = 64 * 1024;
 
 // One request's connection and its two deadlines.
 struct Exchange {
-  Deadline request = Deadline::AfterMs(TARNWELL_REQUEST_TIMEOUT_MS);
+  explicit Exchange(int request_timeout_ms = TARNWELL_REQUEST_TIMEOUT_MS)
+      : request(Deadline::AfterMs(request_timeout_ms)) {}
+
+  Deadline request;
   HostConnection connection;
 
   int Open(std::uint16_t port, std::string* why) {
@@ -114,11 +117,11 @@ int QueryServerVersion(std::uint16_t port, int* version, std::string* why) {
 }
 
 int QueryDeviceList(std::uint16_t port, std::string* list_text, int* device_count,
-                    std::string* why) {
+                    std::vector<StateRemark>* remarks, std::string* why) {
   std::string payload;
   int result = QueryHostPayload(port, "host:devices", &payload, why);
   if (result != TARNWELL_OK) return result;
-  if (!DevicesToListText(payload, list_text, device_count)) {
+  if (!DevicesToListText(payload, list_text, device_count, remarks)) {
     *why = "device list line without a state";
     return TARNWELL_ERR_MALFORMED;
   }
@@ -128,7 +131,7 @@ int QueryDeviceList(std::uint16_t port, std::string* list_text, int* device_coun
 int QueryProperty(std::uint16_t port, std::string_view serial, std::string_view property,
                   std::string* printed, bool* closed_early, std::string* why) {
   *closed_early = false;
-  Exchange exchange;
+  Exchange exchange(TARNWELL_PROPERTY_TIMEOUT_MS);
   int result = exchange.Open(port, why);
   if (result == TARNWELL_OK) result = exchange.Send("host:transport:" + std::string(serial), why);
   if (result == TARNWELL_OK) result = exchange.ReadStatus(why);

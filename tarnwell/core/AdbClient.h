@@ -6,6 +6,9 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "HostProtocol.h"
 
 namespace tarnwell {
 
@@ -19,11 +22,13 @@ int QueryHostPayload(std::uint16_t port, std::string_view service, std::string* 
 
 int QueryServerVersion(std::uint16_t port, int* version, std::string* why);
 
-// "host:devices" as the list text ("serial-state;..."), with the number of devices.
+// "host:devices" as the list text ("serial-state;..."), with the number of devices and the free
+// text that came with some states (see DevicesToListText).
 int QueryDeviceList(std::uint16_t port, std::string* list_text, int* device_count,
-                    std::string* why);
+                    std::vector<StateRemark>* remarks, std::string* why);
 
-// What the shell printed for `getprop <property>` on the device with this serial, raw.
+// What the shell printed for `getprop <property>` on the device with this serial, raw, bounded by
+// TARNWELL_PROPERTY_TIMEOUT_MS as a whole.
 // *closed_early is set when the device's connection closed before the shell answered (the
 // server's FAIL "closed", or the stream ending before any status); the result is then OK.
 int QueryProperty(std::uint16_t port, std::string_view serial, std::string_view property,

@@ -13,8 +13,16 @@ int HexDigitValue(char c) {
   return -1;
 }
 
+constexpr std::string_view kNoPermissions = "no permissions";
+
 void AppendWithoutTerminators(std::string* out, std::string_view text) {
   for (char c : text) out->push_back(c == ';' ? ',' : c);
+}
+
+std::string_view TrimBlanks(std::string_view text) {
+  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
+  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
+  return text;
 }
 
 }  // namespace
@@ -47,8 +55,25 @@ bool ParseHexLength(std::string_view four_bytes, std::size_t* length) {
   return true;
 }
 
-bool DevicesToListText(std::string_view payload, std::string* list_text, int* device_count) {
+std::string StateWord(std::string_view state_text, std::string* remark) {
+  state_text = TrimBlanks(state_text);
+  // Every state adb names is one word, except the one that explains itself in parentheses.
+  std::size_t word_end = state_text.compare(0, kNoPermissions.size(), kNoPermissions) == 0
+                             ? kNoPermissions.size()
+                             : state_text.find(' ');
+  if (word_end == std::string_view::npos) word_end = state_text.size();
+  std::string word(state_text.substr(0, word_end));
+  for (char& c : word) {
+    if (c == '-' || c == ';') c = '_';
+  }
+  *remark = std::string(TrimBlanks(state_text.substr(word_end)));
+  return word;
+}
+
+bool DevicesToListText(std::string_view payload, std::string* list_text, int* device_count,
+                       std::vector<StateRemark>* remarks) {
   std::string text;
+  std::vector<StateRemark> found;
   int count = 0;
   while (!payload.empty()) {
     std::size_t end = payload.find('\n');
@@ -58,14 +83,19 @@ bool DevicesToListText(std::string_view payload, std::string* list_text, int* de
     if (line.empty()) continue;
     std::size_t tab = line.find('\t');
     if (tab == std::string_view::npos || tab == 0) return false;
+    std::string remark;
+    const std::string word = StateWord(line.substr(tab + 1), &remark);
+    const std::size_t serial_start = text.size();
     AppendWithoutTerminators(&text, line.substr(0, tab));
+    if (!remark.empty()) found.push_back({text.substr(serial_start), word, std::move(remark)});
     text.push_back('-');
-    AppendWithoutTerminators(&text, line.substr(tab + 1));
+    text.append(word);
     text.push_back(';');
     ++count;
   }
   *list_text = std::move(text);
   *device_count = count;
+  if (remarks != nullptr) *remarks = std::move(found);
   return true;
 }
 

@@ -13,9 +13,16 @@
  * the codes below on failure, never throws, and is bounded in time:
  *   - connecting to the server:              TARNWELL_CONNECT_TIMEOUT_MS
  *   - any request, from connect to last byte: TARNWELL_REQUEST_TIMEOUT_MS
+ *   - a property read, from connect to last byte: TARNWELL_PROPERTY_TIMEOUT_MS (a shell's getprop
+ *     answers in milliseconds; a phone that takes longer is not going to answer)
  *   - AdbStartDaemon as a whole:              TARNWELL_START_TIMEOUT_MS
  * A server that accepts and never answers, or a phone that never answers, costs the caller at
- * most the request timeout, and the call returns TARNWELL_ERR_TIMEOUT.
+ * most the bound, and the call returns TARNWELL_ERR_TIMEOUT.
+ *
+ * A device whose property read timed out, or that the server does not know ("device '...' not
+ * found"), is not asked again for TARNWELL_UNREACHABLE_COOLDOWN_MS: every property read of it in
+ * that time returns the same code at once, without a request and without a log line. The first
+ * read after the cool-down asks the device again; one that answers is read normally from then on.
  *
  * The library never runs an adb executable while a server answers on the port, except when the
  * caller says the server was killed (AdbStartDaemon flag 0): an adb client whose version differs
@@ -32,6 +39,8 @@ extern "C" {
 
 #define TARNWELL_CONNECT_TIMEOUT_MS 1000
 #define TARNWELL_REQUEST_TIMEOUT_MS 3000
+#define TARNWELL_PROPERTY_TIMEOUT_MS 1000
+#define TARNWELL_UNREACHABLE_COOLDOWN_MS 5000
 #define TARNWELL_START_TIMEOUT_MS 10000
 
 #define TARNWELL_OK 0
@@ -66,10 +75,15 @@ TARNWELL_API int AdbSdkInit(const char* resource_dir, const char* config_dir, co
 TARNWELL_API int AdbStartDaemon(int flag, int reserved);
 
 /* "host:devices" as one text: for each device "<serial>-<state>;", NUL-terminated, in the
- * server's order. *list is set to a text the library allocated (release it with
- * AdbFreeResource), or to NULL when the server lists no device. A ';' inside a serial or state
- * (adb's "no permissions (...; see ...)") is written as ',' so that every entry ends at its own
- * ';'. *device_count, when device_count is not NULL, receives the number of devices.
+ * server's order. The state is adb's state word alone: "device", "offline", "unauthorized",
+ * "authorizing", "connecting", "bootloader", "recovery", "sideload", "rescue", "host",
+ * "detached", "no permissions", or whatever word a later adb adds. The free text adb writes after
+ * a state (why "no permissions", and what to do) goes to the log, once per device and text, never
+ * into the list. A state holds no '-' and no ';' (either would become '_'), so an entry's serial
+ * is the text before its last '-' whatever the serial holds ("emulator-5554"); a ';' inside a
+ * serial is written as ',' so that every entry ends at its own ';'. *list is set to a text the
+ * library allocated (release it with AdbFreeResource), or to NULL when the server lists no
+ * device. *device_count, when device_count is not NULL, receives the number of devices.
  * reserved: pass 0 (ignored). On failure neither *list nor *device_count is touched. */
 TARNWELL_API int AdbGetDevicesEx(char** list, int* device_count, int reserved);
 
@@ -83,9 +97,10 @@ TARNWELL_API int AdbFreeResource(char** list);
  * written, then a NUL. When the device's connection closes before the shell answers (the server
  * says FAIL "closed", or the stream ends before any status), the buffer holds "error: closed"
  * and the result is 0, as adb's own client shows it. An unknown, unauthorised or offline device
- * is TARNWELL_ERR_SERVER_FAIL with the server's message logged. Null serial or buffer, empty
- * serial or size < 1: TARNWELL_ERR_BAD_ARGUMENT. On failure the buffer is not touched.
- * reserved: pass 0 (ignored). */
+ * is TARNWELL_ERR_SERVER_FAIL with the server's message logged. A read that takes longer than
+ * TARNWELL_PROPERTY_TIMEOUT_MS is TARNWELL_ERR_TIMEOUT; that device, like one the server does not
+ * know, then has its cool-down (above). Null serial or buffer, empty serial or size < 1:
+ * TARNWELL_ERR_BAD_ARGUMENT. On failure the buffer is not touched. reserved: pass 0 (ignored). */
 TARNWELL_API int AdbGetPhoneSoftVersion(const char* serial, char* buffer, int size, int reserved);
 TARNWELL_API int AdbGetPhoneManufacturer(const char* serial, char* buffer, int size, int reserved);
 TARNWELL_API int AdbGetPhoneProductModel(const char* serial, char* buffer, int size, int reserved);

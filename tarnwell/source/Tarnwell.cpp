@@ -2,14 +2,18 @@
 // that no exception leaves. The work itself is in core/.
 #include "Tarnwell.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <map>
 #include <new>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
+#include <vector>
 
 #include "AdbClient.h"
 #include "AdbLauncher.h"
@@ -54,6 +58,67 @@ class StartTurn {
  private:
   bool held_ = false;
 };
+
+// Devices whose property reads are answered from memory for a while: one that never answers
+// would otherwise cost every caller the whole bound on every read, and one the server does not
+// know a request that cannot succeed.
+class Unreachable {
+ public:
+  // The code to answer with at once, or TARNWELL_OK when the device may be asked.
+  int CodeFor(std::uint16_t port, const std::string& serial) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = devices_.find({port, serial});
+    if (found == devices_.end()) return TARNWELL_OK;
+    if (Clock::now() < found->second.until) return found->second.code;
+    devices_.erase(found);
+    return TARNWELL_OK;
+  }
+  void Remember(std::uint16_t port, const std::string& serial, int code) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    devices_[{port, serial}] =
+        Entry{code, Clock::now() + std::chrono::milliseconds(TARNWELL_UNREACHABLE_COOLDOWN_MS)};
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Entry {
+    int code;
+    Clock::time_point until;
+  };
+  std::mutex mutex_;
+  std::map<std::pair<std::uint16_t, std::string>, Entry> devices_;  // guarded by mutex_
+};
+
+Unreachable s_unreachable;
+
+// A failure after which asking the same device again soon is pointless.
+bool MeansUnreachable(int code, const std::string& why) {
+  static const std::string kUnknownStart = "device '";
+  static const std::string kUnknownEnd = "' not found";
+  if (code == TARNWELL_ERR_TIMEOUT) return true;
+  return code == TARNWELL_ERR_SERVER_FAIL && why.size() > kUnknownStart.size() + kUnknownEnd.size() &&
+         why.compare(0, kUnknownStart.size(), kUnknownStart) == 0 &&
+         why.compare(why.size() - kUnknownEnd.size(), kUnknownEnd.size(), kUnknownEnd) == 0;
+}
+
+// The free text of the states in the last list, by serial: each is logged when it first shows,
+// not on every list ("no permissions" comes with a whole paragraph of adb's help).
+std::mutex s_remarks_mutex;
+std::map<std::string, std::string> s_logged_remarks;  // guarded by s_remarks_mutex
+
+void LogNewRemarks(const std::vector<tarnwell::StateRemark>& remarks) {
+  std::map<std::string, std::string> now;
+  for (const tarnwell::StateRemark& remark : remarks) {
+    now[remark.serial] = remark.state + " " + remark.remark;
+  }
+  std::lock_guard<std::mutex> lock(s_remarks_mutex);
+  for (const auto& [serial, text] : now) {
+    const auto before = s_logged_remarks.find(serial);
+    if (before != s_logged_remarks.end() && before->second == text) continue;
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "AdbGetDevicesEx: device %s is %s", serial.c_str(), text.c_str());
+  }
+  s_logged_remarks = std::move(now);
+}
 
 // One line per failure: the server's messages ("device unauthorized.\nThis adb server's...")
 // span several lines.
@@ -107,12 +172,20 @@ int ReadProperty(const char* function, const char* property, const char* serial,
   std::uint16_t port = 0;
   int result = CurrentPort(function, &port);
   if (result != TARNWELL_OK) return result;
+  result = s_unreachable.CodeFor(port, serial);
+  if (result != TARNWELL_OK) return result;  // logged when the cool-down began
   std::string printed;
   std::string why;
   bool closed_early = false;
   result = tarnwell::QueryProperty(port, serial, property, &printed, &closed_early, &why);
   if (result != TARNWELL_OK) {
-    LogFailure(function, result, std::string(serial) + ": " + why);
+    const bool unreachable = MeansUnreachable(result, why);
+    if (unreachable) s_unreachable.Remember(port, serial, result);
+    LogFailure(function, result,
+               std::string(serial) + ": " + why +
+                   (unreachable ? "; its reads answer " + std::to_string(result) + " for " +
+                                      std::to_string(TARNWELL_UNREACHABLE_COOLDOWN_MS) + " ms"
+                                : std::string()));
     return result;
   }
   if (closed_early) {
@@ -173,11 +246,13 @@ int GetDevices(char** list, int* device_count) {
   std::string text;
   std::string why;
   int count = 0;
-  result = tarnwell::QueryDeviceList(port, &text, &count, &why);
+  std::vector<tarnwell::StateRemark> remarks;
+  result = tarnwell::QueryDeviceList(port, &text, &count, &remarks, &why);
   if (result != TARNWELL_OK) {
     LogFailure(kFunction, result, why);
     return result;
   }
+  LogNewRemarks(remarks);
   char* copy = nullptr;
   if (!text.empty()) {
     copy = static_cast<char*>(std::malloc(text.size() + 1));

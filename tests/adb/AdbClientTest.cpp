@@ -47,6 +47,12 @@ class AdbClientTest : public ::testing::Test {
     text << in.rdbuf();
     return text.str();
   }
+  int CountInLog(const std::string& part) {
+    const std::string log = LogText();
+    int count = 0;
+    for (auto at = log.find(part); at != std::string::npos; at = log.find(part, at + 1)) ++count;
+    return count;
+  }
 
   TempDir dir_;
   std::string log_path_;
@@ -65,19 +71,24 @@ TEST_F(AdbClientTest, ListTextForNoneOneAndManyDevices) {
   EXPECT_EQ(List(), "");
   server_.SetDevices({{"R58M123", "device", {}}});
   EXPECT_EQ(List(), "R58M123-device;");
-  server_.SetDevices({{"A1", "device", {}},
-                      {"b-2", "unauthorized", {}},
+  const std::string why = "(user in plugdev group; are your udev rules wrong?); "
+                          "see [http://developer.android.com/tools/device.html]";
+  server_.SetDevices({{"emulator-5554", "device", {}},
+                      {"b;2", "unauthorized", {}},
                       {"127.0.0.1:40001", "offline", {}},
-                      {"C3", "no permissions (user in plugdev group; are your udev rules wrong?); "
-                             "see [http://developer.android.com/tools/device.html]", {}}});
-  EXPECT_EQ(List(),
-            "A1-device;b-2-unauthorized;127.0.0.1:40001-offline;"
-            "C3-no permissions (user in plugdev group, are your udev rules wrong?), "
-            "see [http://developer.android.com/tools/device.html];");
+                      {"C3", "no permissions " + why, {}},
+                      {"D4", "fast-boot;mode (a later adb)", {}}});
+  // The state's word alone, without '-' or ';'; adb's explanation goes to the log once.
+  for (int poll = 0; poll < 2; ++poll) {
+    EXPECT_EQ(List(), "emulator-5554-device;b,2-unauthorized;127.0.0.1:40001-offline;"
+                      "C3-no permissions;D4-fast_boot_mode;");
+  }
+  EXPECT_EQ(CountInLog("device C3 is no permissions " + why), 1) << LogText();
+  EXPECT_EQ(CountInLog("device D4 is fast_boot_mode (a later adb)"), 1) << LogText();
   int count = 0;
   char* list = nullptr;
   ASSERT_EQ(AdbGetDevicesEx(&list, &count, 0), 0);
-  EXPECT_EQ(count, 4);
+  EXPECT_EQ(count, 5);
   AdbFreeResource(&list);
   EXPECT_EQ(AdbFreeResource(nullptr), 0);
 }
@@ -207,12 +218,31 @@ TEST_F(AdbPropertyTest, LinkClosingBeforeTheShellAnswersReadsErrorClosed) {
   EXPECT_EQ(Read(AdbGetPhoneSoftVersion, "R58M"), "ERR " + std::to_string(TARNWELL_ERR_SERVER_FAIL));
 }
 
-TEST_F(AdbPropertyTest, PhoneThatNeverAnswersCostsOnlyTheTimeout) {
+TEST_F(AdbPropertyTest, PhoneThatNeverAnswersOrIsUnknownIsNotAskedAgainDuringItsCoolDown) {
+  const std::string timeout = "ERR " + std::to_string(TARNWELL_ERR_TIMEOUT);
+  const std::string fail = "ERR " + std::to_string(TARNWELL_ERR_SERVER_FAIL);
   server_.React("shell:", Reaction::Silent());
   auto start = Clock::now();
-  EXPECT_EQ(Read(AdbGetPhoneProductModel, "R58M"), "ERR " + std::to_string(TARNWELL_ERR_TIMEOUT));
+  EXPECT_EQ(Read(AdbGetPhoneProductModel, "R58M"), timeout);
   auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-  EXPECT_LT(took, TARNWELL_REQUEST_TIMEOUT_MS + 1500);
+  EXPECT_GE(took, TARNWELL_PROPERTY_TIMEOUT_MS - 50);
+  EXPECT_LT(took, TARNWELL_PROPERTY_TIMEOUT_MS + 500);
+  EXPECT_EQ(Read(AdbGetPhoneSoftVersion, "NOPE"), fail);
+
+  const std::size_t requests = server_.Requests().size();
+  for (auto read : {AdbGetPhoneSoftVersion, AdbGetPhoneManufacturer, AdbGetPhoneProductModel}) {
+    EXPECT_EQ(Read(read, "R58M"), timeout);
+    EXPECT_EQ(Read(read, "NOPE"), fail);
+  }
+  EXPECT_EQ(server_.Requests().size(), requests) << "answered from memory";
+  // A device that says why it cannot answer now is asked every time.
+  EXPECT_EQ(Read(AdbGetPhoneManufacturer, "LOCKED"), fail);
+  EXPECT_EQ(Read(AdbGetPhoneManufacturer, "LOCKED"), fail);
+  EXPECT_EQ(server_.Requests().size(), requests + 2);
+
+  server_.ClearReactions();
+  std::this_thread::sleep_for(std::chrono::milliseconds(TARNWELL_UNREACHABLE_COOLDOWN_MS));
+  EXPECT_EQ(Read(AdbGetPhoneProductModel, "R58M"), "SM-G991B");
 }
 
 TEST_F(AdbPropertyTest, BadArgumentsTouchNothing) {

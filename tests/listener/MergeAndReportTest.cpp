@@ -276,25 +276,39 @@ TEST(SubStrings, RemovalsThatMakeNewOccurrencesAreRemovedToo) {
   EXPECT_EQ("plain", StripSubString("plain", "\\u"));
 }
 
-// ADB's list text into the status map.
+// ADB's list text into the status map. Each text is read twice, as two polls would.
 struct ListCase {
   std::string text;
   std::map<std::string, std::pair<DeviceAuthorStatus, std::string>> expected;
-  int offline_lines;
+  int offline_lines;        // on each poll
+  int no_permission_lines;  // on the first poll only
 };
 
 TEST(AdbStatusQuery, ParsesTheListTextEntryByEntry) {
+  const std::string wireless = "adb-R58M30ABCDE-AbC123._adb-tls-connect._tcp";
+  const DeviceAuthorStatus kNotUsable = DeviceNotUsableThroughAdb;
   const std::vector<ListCase> cases = {
-      {"", {}, 0},
-      {"A1-device;", {{"a1", {DeviceAuthored, "A1"}}}, 0},
-      {"Ab-device;aB-unauthorized;", {{"ab", {DeviceUnauthored, "aB"}}}, 0},
-      {"emu-5554-offline;", {{"emu", {DeviceOffline, "emu"}}}, 1},
-      {"x-unauthorized offline;", {{"x", {DeviceUnauthored, "x"}}}, 0},
-      {"x-OFFLINE;y-recovery;", {{"x", {DeviceAuthored, "x"}}, {"y", {DeviceAuthored, "y"}}}, 0},
-      {"a-device;b-device", {{"a", {DeviceAuthored, "a"}}}, 0},
-      {"a-device;junk", {{"a", {DeviceAuthored, "a"}}}, 0},
-      {"a;b-device;", {{"a;b", {DeviceAuthored, "a;b"}}}, 0},
-      {"s-no permissions (user in plugdev group); see [x];", {{"s", {DeviceAuthored, "s"}}}, 0},
+      {"", {}, 0, 0},
+      {"A1-device;", {{"a1", {DeviceAuthored, "A1"}}}, 0, 0},
+      {"Ab-device;aB-unauthorized;", {{"ab", {DeviceUnauthored, "aB"}}}, 0, 0},
+      {"emulator-5554-offline;emulator-5556-device;",
+       {{"emulator-5554", {DeviceOffline, "emulator-5554"}},
+        {"emulator-5556", {DeviceAuthored, "emulator-5556"}}}, 1, 0},
+      {wireless + "-device;build-host.lan:5555-unauthorized;",
+       {{"adb-r58m30abcde-abc123._adb-tls-connect._tcp", {DeviceAuthored, wireless}},
+        {"build-host.lan:5555", {DeviceUnauthored, "build-host.lan:5555"}}}, 0, 0},
+      {"x-unauthorized offline;", {{"x", {DeviceUnauthored, "x"}}}, 0, 0},
+      {"x-OFFLINE;y-recovery;z-bootloader;", {{"x", {kNotUsable, "x"}}, {"y", {kNotUsable, "y"}},
+                                             {"z", {kNotUsable, "z"}}}, 0, 0},
+      {"s1-sideload;r1-rescue;h1-host;d1-detached;w1-someday;",
+       {{"s1", {kNotUsable, "s1"}}, {"r1", {kNotUsable, "r1"}}, {"h1", {kNotUsable, "h1"}},
+        {"d1", {kNotUsable, "d1"}}, {"w1", {kNotUsable, "w1"}}}, 0, 0},
+      {"c1-connecting;a1-authorizing;", {}, 0, 0},
+      {"np-1-no permissions;NP2-no permissions;",
+       {{"np-1", {kNotUsable, "np-1"}}, {"np2", {kNotUsable, "NP2"}}}, 0, 2},
+      {"a-device;b-device", {{"a", {DeviceAuthored, "a"}}}, 0, 0},
+      {"nodash;-device;a-device;junk", {{"a", {DeviceAuthored, "a"}}}, 0, 0},
+      {"a,b-device;", {{"a,b", {DeviceAuthored, "a,b"}}}, 0, 0},
   };
   for (const ListCase& c : cases) {
     fake_adb::Reset();
@@ -302,14 +316,18 @@ TEST(AdbStatusQuery, ParsesTheListTextEntryByEntry) {
     fake_adb::Script script;
     script.devices = [&c](std::string* list) { *list = c.text; return 0; };
     fake_adb::SetScript(script);
-    std::map<std::string, DeviceAuthorInfo_> devices;
-    ASSERT_EQ(0, GetDevicesAuthorStatusEx(devices)) << c.text;
-    std::map<std::string, std::pair<DeviceAuthorStatus, std::string>> got;
-    for (const auto& [key, device] : devices) got[key] = {device.status, device.serial};
-    EXPECT_EQ(c.expected, got) << c.text;
-    EXPECT_EQ(c.offline_lines, log_capture::Count(3, "Device offline.\r")) << c.text;
+    for (int poll = 0; poll < 2; ++poll) {
+      std::map<std::string, DeviceAuthorInfo_> devices;
+      ASSERT_EQ(0, GetDevicesAuthorStatusEx(devices)) << c.text;
+      std::map<std::string, std::pair<DeviceAuthorStatus, std::string>> got;
+      for (const auto& [key, device] : devices) got[key] = {device.status, device.serial};
+      EXPECT_EQ(c.expected, got) << c.text;
+    }
+    EXPECT_EQ(2 * c.offline_lines, log_capture::Count(3, "Device offline.\r")) << c.text;
+    EXPECT_EQ(c.no_permission_lines, log_capture::CountContaining("plugdev group")) << c.text;
     EXPECT_EQ(0, fake_adb::OutstandingLists()) << "every list text is handed back";
   }
+  EXPECT_EQ(AdbConnect, ConvertAuthorStatus2ConnectStatus(DeviceNotUsableThroughAdb));
 }
 
 TEST(AdbStatusQuery, AFailureIsReturnedAndNothingIsReleased) {
