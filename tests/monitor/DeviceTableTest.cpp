@@ -47,8 +47,9 @@ class Table : public ::testing::Test {
 TEST_F(Table, MarksFollowALifeFromArrivalToDeparture) {
   EXPECT_FALSE(table_.HasReport());
   Apply({Entry("b", "NotConnect", "MtpConnect", "", 0x18d1, 0x4ee1),
-         Entry("a", "NotConnect", "UnauthoredConnect")});
+         Entry("a", "NotConnect", "UnauthoredConnect", "", 0, 0, -1)});
   EXPECT_TRUE(table_.HasReport());
+  EXPECT_EQ(-1, table_.LastAdbErrorCode());
   ASSERT_EQ(2u, table_.Rows().size());
   EXPECT_EQ("a", table_.Rows()[0].key_serial) << "rows in key order";
   EXPECT_EQ(ChangeMark::kArrived, Row("a").mark);
@@ -62,6 +63,7 @@ TEST_F(Table, MarksFollowALifeFromArrivalToDeparture) {
   EXPECT_EQ("MtpConnect", b.previous_status);
   EXPECT_EQ("Pixel 7", b.model);
   EXPECT_EQ(0x4ee7u, b.pid);
+  EXPECT_EQ(0, table_.LastAdbErrorCode()) << "the last report's code, also when it is 0 again";
 
   Apply({Entry("b", "AuthoredConnect", "NotConnect")});
   EXPECT_EQ(ChangeMark::kLeft, Row("b").mark);
@@ -79,13 +81,6 @@ TEST_F(Table, ADeviceThatComesBackIsAnArrivalAgain) {
   Apply({Entry("a", "NotConnect", "OfflineConnect")});
   EXPECT_EQ(ChangeMark::kArrived, Row("a").mark);
   EXPECT_EQ("OfflineConnect", Row("a").status);
-}
-
-TEST_F(Table, KeepsTheLastAdbErrorCode) {
-  Apply({Entry("a", "NotConnect", "MtpConnect", "", 0, 0, -1)});
-  EXPECT_EQ(-1, table_.LastAdbErrorCode());
-  Apply({Entry("a", "MtpConnect", "AuthoredConnect", "M")});
-  EXPECT_EQ(0, table_.LastAdbErrorCode());
 }
 
 TEST_F(Table, MalformedReportsChangeNothing) {

@@ -85,25 +85,28 @@ TEST(Renderer, EmptyTableAndAdbFailureAreSaidInWords) {
   EXPECT_NE(std::string::npos, RenderTable(table, {false, ""}).find("ADB could not be asked (code 103)"));
 }
 
-TEST(Cells, DeviceTextsCannotDriveTheTerminal) {
-  EXPECT_EQ("?[2J?]0;title?", monitor::SanitizeCell("\x1b[2J\x1b]0;title\x07", 40));
-  EXPECT_EQ("a?b", monitor::SanitizeCell("a\x7f" "b", 40));
+TEST(Cells, DeviceTextsAreMadeHarmlessAndCutByCharacters) {
+  const std::string seven_e_acute = "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9";
+  const struct {
+    std::string text;
+    size_t width;
+    std::string cell;
+  } kCases[] = {
+      {"\x1b[2J\x1b]0;title\x07", 40, "?[2J?]0;title?"},  // nothing can drive the terminal
+      {"a\x7f" "b", 40, "a?b"},
+      {"abcdef", 6, "abcdef"},
+      {"abcdefg", 6, "abc..."},
+      {seven_e_acute, 6, "\xc3\xa9\xc3\xa9\xc3\xa9..."},  // cut by characters, not bytes
+  };
+  for (const auto& c : kCases) {
+    const std::string cell = monitor::SanitizeCell(c.text, c.width);
+    EXPECT_EQ(c.cell, cell);
+    EXPECT_LE(monitor::DisplayWidth(cell), c.width) << cell;
+  }
   const DeviceTable table = TableFrom(
       "{\"changed\":[{\"key_serial\":\"k\",\"new_status\":\"AuthoredConnect\","
       "\"model\":\"\\u001b[31mred\"}]}");
   EXPECT_EQ(std::string::npos, RenderTable(table, {false, ""}).find('\x1b'));
-}
-
-TEST(Cells, LongTextsAreCutByCharactersNotBytes) {
-  EXPECT_EQ("abcdef", monitor::SanitizeCell("abcdef", 6));
-  EXPECT_EQ("abc...", monitor::SanitizeCell("abcdefg", 6));
-  const std::string accented = "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9";  // 7 x é
-  const std::string cut = monitor::SanitizeCell(accented, 6);
-  EXPECT_EQ("\xc3\xa9\xc3\xa9\xc3\xa9...", cut);
-  EXPECT_EQ(6u, monitor::DisplayWidth(cut));
-}
-
-TEST(Cells, UsbIdsInFourDigitHex) {
   EXPECT_EQ("18d1:4ee7", monitor::FormatUsbId(0x18d1, 0x4ee7));
   EXPECT_EQ("0000:0001", monitor::FormatUsbId(0, 1));
   EXPECT_EQ("-", monitor::FormatUsbId(0, 0));
