@@ -7,7 +7,7 @@ bash scripts/setup.sh
 seconds="${1:-60}"
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DPELMORA_BUILD_FUZZ=ON -DPELMORA_BUILD_TESTS=OFF -DPELMORA_BUILD_BENCH=OFF -DPELMORA_WERROR=ON >/dev/null
-cmake --build build-fuzz -j"$(nproc)"
+cmake --build build-fuzz -j"$(getconf _NPROCESSORS_ONLN)"
 
 status=0
 for target in build-fuzz/fuzz/*/fuzz_*; do

@@ -5,5 +5,5 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target pelmora-monitor pelmora-sim-phone
+cmake --build build -j"$(getconf _NPROCESSORS_ONLN)" --target pelmora-monitor pelmora-sim-phone
 exec build/tools/monitor/pelmora-monitor "$@"

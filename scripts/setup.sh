@@ -1,7 +1,18 @@
 #!/usr/bin/env bash
-# Installs every Debian package that building, running and testing Pelmora needs.
-# Idempotent: packages already present are skipped, so a second run costs one dpkg query.
+# Installs every Debian package that building, running and testing Pelmora needs (on macOS, the
+# same from Homebrew). Idempotent: what is present is skipped, so a second run costs one query.
 set -euo pipefail
+
+if [ "$(uname -s)" = Darwin ]; then
+  # IOKit and CoreFoundation come with the system; adb is a cask.
+  command -v brew >/dev/null || { echo "setup.sh: macOS needs Homebrew (https://brew.sh)" >&2; exit 1; }
+  formulae=(cmake ninja pkg-config spdlog fmt jsoncpp googletest google-benchmark)
+  missing=()
+  for f in "${formulae[@]}"; do brew list --formula "$f" >/dev/null 2>&1 || missing+=("$f"); done
+  [ ${#missing[@]} -eq 0 ] || brew install "${missing[@]}"
+  command -v adb >/dev/null || brew install --cask android-platform-tools
+  exit 0
+fi
 
 packages=(
   build-essential cmake ninja-build pkg-config git
@@ -9,7 +20,7 @@ packages=(
   libspdlog-dev libfmt-dev libjsoncpp-dev libudev-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   umockdev libumockdev-dev libglib2.0-dev gir1.2-umockdev-1.0 python3-gi
-  adb python3
+  adb python3 procps
   usb.ids
   python3-pytest
 )
