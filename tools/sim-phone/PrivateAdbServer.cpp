@@ -23,6 +23,8 @@ namespace {
 
 constexpr int kStartTimeoutMs = 10000;
 constexpr int kKillTimeoutMs = 3000;
+// adb's switch for its look at the emulator ports when a server starts: "0" is off.
+constexpr char kEmulatorScan[] = "ADB_EMU";
 
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -87,7 +89,8 @@ std::uint16_t PrivateAdbServer::FreePort() {
   return ntohs(address.sin_port);
 }
 
-PrivateAdbServer::PrivateAdbServer() : port_(FreePort()), adb_(FindAdb()) {
+PrivateAdbServer::PrivateAdbServer(bool scan_emulator_ports)
+    : port_(FreePort()), adb_(FindAdb()), scan_emulator_ports_(scan_emulator_ports) {
   std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-adb-home-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   home_ = pattern;
@@ -100,12 +103,14 @@ PrivateAdbServer::~PrivateAdbServer() {
 }
 
 std::vector<std::string> PrivateAdbServer::Environment() const {
-  return {"HOME=" + home_, "ANDROID_ADB_SERVER_PORT=" + std::to_string(port_)};
+  return {"HOME=" + home_, "ANDROID_ADB_SERVER_PORT=" + std::to_string(port_),
+          std::string(kEmulatorScan) + (scan_emulator_ports_ ? "=1" : "=0")};
 }
 
 void PrivateAdbServer::ApplyToThisProcess() const {
   ::setenv("HOME", home_.c_str(), 1);
   ::setenv("ANDROID_ADB_SERVER_PORT", std::to_string(port_).c_str(), 1);
+  ::setenv(kEmulatorScan, scan_emulator_ports_ ? "1" : "0", 1);
 }
 
 tarnwell::ProcessOutcome PrivateAdbServer::Adb(const std::vector<std::string>& args,

@@ -14,7 +14,10 @@ namespace sim_phone {
 
 class PrivateAdbServer {
  public:
-  PrivateAdbServer();  // picks the port and HOME; starts nothing
+  // Picks the port and HOME; starts nothing. The server looks for emulators (device daemons on
+  // 127.0.0.1:5555, 5557, ... when it starts) only when asked to: a test's server would otherwise
+  // attach the emulator ports of whatever else runs on the machine.
+  explicit PrivateAdbServer(bool scan_emulator_ports = false);
   ~PrivateAdbServer();
   PrivateAdbServer(const PrivateAdbServer&) = delete;
   PrivateAdbServer& operator=(const PrivateAdbServer&) = delete;
@@ -26,9 +29,9 @@ class PrivateAdbServer {
 
   std::uint16_t port() const { return port_; }
   const std::string& home() const { return home_; }
-  // "HOME=..." and "ANDROID_ADB_SERVER_PORT=..." for children.
+  // "HOME=...", "ANDROID_ADB_SERVER_PORT=..." and "ADB_EMU=0" (1 when scanning) for children.
   std::vector<std::string> Environment() const;
-  // Sets both in this process, for code that reads them (libTarnwell, adb run from here).
+  // Sets them in this process, for code that reads them (libTarnwell, adb run from here).
   void ApplyToThisProcess() const;
 
   // `adb start-server` on the port; false (with adb's words in *why) when no server came up.
@@ -47,6 +50,7 @@ class PrivateAdbServer {
   std::uint16_t port_ = 0;
   std::string home_;
   std::string adb_;
+  bool scan_emulator_ports_ = false;
 };
 
 }  // namespace sim_phone

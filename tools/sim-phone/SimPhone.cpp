@@ -296,6 +296,10 @@ void SimPhone::OnOpen(Link& link, std::uint32_t host_id, const std::string& serv
     link.Send(kClse, 0, host_id);  // a service this phone does not offer
     return;
   }
+  if (!config_.shell_answers) {
+    link.Send(kOkay, local_id, host_id);  // the stream opens, and nothing ever comes through it
+    return;
+  }
   std::istringstream words(service.substr(service.find(':') + 1));
   std::string program, name;
   words >> program >> name;

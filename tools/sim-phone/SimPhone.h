@@ -31,6 +31,7 @@ struct PhoneConfig {
   std::string banner_kind = "device";
   bool authorized = true;       // false: asks for authentication and accepts no key
   bool answer_connect = true;   // false: never answers the host's CNXN (adb shows "offline")
+  bool shell_answers = true;    // false: accepts every shell and never prints a byte (a hung phone)
   std::uint16_t port = 0;       // 0: the system picks one (never in adb's 5555-5585 probe range)
 };
 

@@ -31,6 +31,7 @@ const char kUsage[] =
     "  --kind KIND            device, recovery, sideload, bootloader or rescue (default device)\n"
     "  --unauthorized         ask for authentication and accept no key until 'authorize'\n"
     "  --offline              never answer the host's connect (adb shows it offline)\n"
+    "  --hung-shell           accept every shell and never answer it (a phone that hangs)\n"
     "  --connect              run 'adb connect' against $ANDROID_ADB_SERVER_PORT (or 5037)\n"
     "  --own-server           start a private adb server (temporary HOME, free port), print its\n"
     "                         port, connect to it, and kill it on exit\n"
@@ -80,6 +81,8 @@ bool ParseOptions(int argc, char** argv, Options* options) {
       phone.authorized = false;
     } else if (flag == "--offline") {
       phone.answer_connect = false;
+    } else if (flag == "--hung-shell") {
+      phone.shell_answers = false;
     } else if (flag == "--connect") {
       options->connect = true;
     } else if (flag == "--own-server") {

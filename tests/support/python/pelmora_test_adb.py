@@ -33,7 +33,8 @@ class PrivateAdb:
         self.port = free_port()
         home = os.path.join(work, "home")
         os.makedirs(home, exist_ok=True)
-        self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port))
+        # ADB_EMU=0: no look at the emulator ports, which other tests' phones may hold.
+        self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port), ADB_EMU="0")
         self.env.pop("ADB_VENDOR_KEYS", None)
 
     def adb(self, *args, check=True):
