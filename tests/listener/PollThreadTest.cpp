@@ -71,23 +71,6 @@ class PollThread : public ::testing::Test {
   size_t seen_ = 0;
 };
 
-TEST_F(PollThread, APhoneThroughItsStatesGivesEachReportOnceInOrder) {
-  AdbList adb;
-  adb.Set("SIM1-unauthorized;");
-  AndListenerEx listener(reports::Collect, {&watcher_, 20ms});
-  ASSERT_EQ(0, listener.StartListen());
-  EXPECT_EQ((Strings{"sim1:NotConnect->UnauthoredConnect"}), Next());
-  adb.Set("SIM1-device;");
-  EXPECT_EQ((Strings{"sim1:UnauthoredConnect->AuthoredConnect"}), Next());
-  adb.Set("SIM1-offline;");
-  EXPECT_EQ((Strings{"sim1:AuthoredConnect->OfflineConnect"}), Next());
-  adb.Set("");
-  EXPECT_EQ((Strings{"sim1:OfflineConnect->NotConnect"}), Next());
-  std::this_thread::sleep_for(100ms);
-  EXPECT_EQ(4u, reports::All().size()) << "nothing more while nothing changes";
-  EXPECT_EQ(1, watcher_.starts);
-}
-
 TEST_F(PollThread, AFailingServerIsReportedWithItsCodeThenTheRecovery) {
   AdbList adb;
   adb.Set("P1-device;");
