@@ -46,11 +46,15 @@ struct SourceReleaser {
     CFRelease(source);
   }
 };
+// An IOKit object handle, released once with its owner.
 struct ObjectReleaser {
-  io_object_t object = 0;
+  ObjectReleaser() = default;
+  ObjectReleaser(const ObjectReleaser&) = delete;
+  ObjectReleaser& operator=(const ObjectReleaser&) = delete;
   ~ObjectReleaser() {
     if (object != 0) IOObjectRelease(object);
   }
+  io_object_t object = 0;
 };
 
 struct MacUsbService : UsbService {
@@ -77,9 +81,9 @@ DeviceTable** DeviceOf(UsbDeviceInterface* device) {
   return static_cast<MacUsbDeviceInterface*>(device)->device;
 }
 
-// The device interfaces to ask for, newest first. The plain kIOUSBDeviceInterfaceID is version
-// 100, whose table lacks the string-index calls, so it is never asked for.
-// An older system answers E_NOINTERFACE for a newer version, and the next one is asked.
+// The device interfaces to ask for, newest first; an older system answers E_NOINTERFACE for a
+// newer one. The plain kIOUSBDeviceInterfaceID is version 100, whose table lacks the
+// string-index calls, so it is never asked for.
 CFUUIDRef DeviceInterfaceId(size_t rank) {
   const CFUUIDRef ids[] = {
 #ifdef kIOUSBDeviceInterfaceID942

@@ -20,6 +20,8 @@ SLOT(IOUSBDeviceInterface942, Release, 3);
 SLOT(IOUSBDeviceInterface942, USBDeviceOpen, 8);
 SLOT(IOUSBDeviceInterface942, GetDeviceVendor, 13);
 SLOT(IOUSBDeviceInterface942, GetDeviceProduct, 14);
+SLOT(IOUSBDeviceInterface942, GetNumberOfConfigurations, 19);
+SLOT(IOUSBDeviceInterface942, GetConfigurationDescriptorPtr, 21);
 SLOT(IOUSBDeviceInterface942, DeviceRequest, 26);
 SLOT(IOUSBDeviceInterface942, USBDeviceOpenSeize, 29);
 SLOT(IOUSBDeviceInterface942, DeviceRequestTO, 30);

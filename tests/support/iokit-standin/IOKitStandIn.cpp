@@ -198,6 +198,17 @@ const IOUSBDeviceInterface942 kDeviceTable = [] {
     *index = DeviceOf(self).product_index;
     return kIOReturnSuccess;
   };
+  table.GetNumberOfConfigurations = [](void* self, UInt8* count) -> IOReturn {
+    *count = DeviceOf(self).configuration.empty() ? 0 : 1;
+    return kIOReturnSuccess;
+  };
+  table.GetConfigurationDescriptorPtr = [](void* self, UInt8 index,
+                                           IOUSBConfigurationDescriptorPtr* out) -> IOReturn {
+    auto& bytes = static_cast<DeviceObject*>(self)->device.configuration;
+    *out = index == 0 && !bytes.empty() ? reinterpret_cast<IOUSBConfigurationDescriptorPtr>(bytes.data())
+                                        : nullptr;
+    return *out != nullptr ? kIOReturnSuccess : kIOReturnBadArgument;
+  };
   table.DeviceRequestTO = [](void* self, IOUSBDevRequestTO* req) -> IOReturn {
     {
       std::lock_guard<std::mutex> lock(g.mutex);
@@ -256,12 +267,6 @@ CFObject::~CFObject() {
 
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
 const CFRunLoopMode kCFRunLoopDefaultMode = new __CFString("kCFRunLoopDefaultMode", true);
-
-CFTypeRef CFRetain(CFTypeRef ref) {
-  std::lock_guard<std::mutex> lock(g.mutex);
-  ++static_cast<CFObject*>(const_cast<void*>(ref))->refs;
-  return ref;
-}
 
 void CFRelease(CFTypeRef ref) {
   if (ref == nullptr) {

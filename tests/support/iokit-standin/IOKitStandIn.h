@@ -35,6 +35,7 @@ struct Device {
   uint8_t manufacturer_index = 1;
   uint8_t product_index = 2;
   std::map<uint8_t, StringAnswer> strings;  // an index not here stalls
+  std::vector<unsigned char> configuration;  // its one configuration descriptor; none if empty
   int plugin_result = 0;
   bool plugin_missing = false;  // the plug-in call succeeds without a plug-in
   int interface_result = 0;     // QueryInterface's answer for a device interface it offers

@@ -26,16 +26,14 @@ typedef char io_name_t[128];
 #define kIOReturnSuccess KERN_SUCCESS
 #define kIOReturnError ((IOReturn)0xE00002BC)
 #define kIOReturnNoMemory ((IOReturn)0xE00002BD)
-#define kIOReturnNoResources ((IOReturn)0xE00002BE)
 #define kIOReturnBadArgument ((IOReturn)0xE00002C2)
 #define kIOReturnUnsupported ((IOReturn)0xE00002C7)
-#define kIOReturnNoDevice ((IOReturn)0xE00002C0)
 
 #define kIOServicePlane "IOService"
 #define kIOFirstMatchNotification "IOServiceFirstMatch"
 #define kIOGeneralInterest "IOGeneralInterest"
 
-enum { kIORegistryIterateRecursively = 0x00000001, kIORegistryIterateParents = 0x00000002 };
+enum { kIORegistryIterateRecursively = 0x00000001 };
 
 typedef struct IONotificationPort* IONotificationPortRef;
 typedef void (*IOServiceMatchingCallback)(void* refcon, io_iterator_t iterator);

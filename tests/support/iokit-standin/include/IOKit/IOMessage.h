@@ -5,5 +5,3 @@
 #include <IOKit/IOKitLib.h>
 
 #define kIOMessageServiceIsTerminated ((natural_t)0xE0000010)
-#define kIOMessageServiceIsSuspended ((natural_t)0xE0000020)
-#define kIOMessageServiceIsResumed ((natural_t)0xE0000030)

@@ -42,6 +42,18 @@ typedef struct {
   UInt32 completionTimeout;
 } IOUSBDevRequestTO;
 
+typedef struct IOUSBConfigurationDescriptor {
+  UInt8 bLength;
+  UInt8 bDescriptorType;
+  UInt16 wTotalLength;
+  UInt8 bNumInterfaces;
+  UInt8 bConfigurationValue;
+  UInt8 iConfiguration;
+  UInt8 bmAttributes;
+  UInt8 MaxPower;
+} IOUSBConfigurationDescriptor;
+typedef IOUSBConfigurationDescriptor* IOUSBConfigurationDescriptorPtr;
+
 typedef struct IOUSBDeviceStruct942 {
   IUNKNOWN_C_GUTS;
   void* CreateDeviceAsyncEventSource;
@@ -59,9 +71,10 @@ typedef struct IOUSBDeviceStruct942 {
   void* GetDeviceAddress;
   void* GetDeviceBusPowerAvailable;
   void* GetDeviceSpeed;
-  void* GetNumberOfConfigurations;
+  IOReturn (*GetNumberOfConfigurations)(void* self, UInt8* numConfig);
   void* GetLocationID;
-  void* GetConfigurationDescriptorPtr;
+  IOReturn (*GetConfigurationDescriptorPtr)(void* self, UInt8 configIndex,
+                                            IOUSBConfigurationDescriptorPtr* desc);
   void* GetConfiguration;
   void* SetConfiguration;
   void* GetBusFrameNumber;
