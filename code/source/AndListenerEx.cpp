@@ -29,7 +29,7 @@ constexpr const char* kClosedConnectionText = "error: closed";
 
 // Vendors whose USB manufacturer string is reported even when empty: chipset vendors whose ID
 // says little about the maker of the phone.
-bool IsChipsetVendor(uint32_t vid) { return vid == 0x05C6 || vid == 0x18D1 || vid == 0x0E8D; }
+bool IsChipsetVendor(uint32_t vid) { return vid == kVidQualcomm || vid == kVidGoogle || vid == kVidMediaTek; }
 
 constexpr const char* kUsableState = "device";
 constexpr const char* kNoPermissionsState = "no permissions";

@@ -2,7 +2,14 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
+
+// Vendor IDs that phones of many makers carry (the chipset's, or AOSP's defaults): such an ID
+// says little about who made the phone.
+inline constexpr uint16_t kVidQualcomm = 0x05C6;
+inline constexpr uint16_t kVidGoogle = 0x18D1;
+inline constexpr uint16_t kVidMediaTek = 0x0E8D;
 
 // Category of every LogEx line the library writes.
 inline constexpr const char* kLogCategory = "Pelmora";

@@ -28,6 +28,18 @@ struct DeviceNotifyInfo {
 constexpr size_t kSerialNumberBufferSize = 260;  // text and its terminating zero
 constexpr size_t kManufacturerBufferSize = 100;
 constexpr uint16_t kStringDescriptorLength = 256;
+// USB-IF interface classes a phone never exposes: a device that declares nothing else is passed
+// over before the lists are asked. Bluetooth is matched to its protocol, because Android's RNDIS
+// tethering shares its class and subclass.
+constexpr uint8_t kUsbClassHid = 0x03;
+constexpr uint8_t kUsbClassPrinter = 0x07;
+constexpr uint8_t kUsbClassHub = 0x09;
+constexpr uint8_t kUsbClassSmartCard = 0x0B;
+constexpr uint8_t kUsbClassWirelessController = 0xE0;
+constexpr uint8_t kUsbClassApplicationSpecific = 0xFE;  // firmware update (DFU), IrDA bridges
+constexpr uint8_t kUsbSubClassRadioFrequency = 0x01;
+constexpr uint8_t kUsbProtocolBluetooth = 0x01;
+
 constexpr auto kStopTimeout = std::chrono::seconds(5);
 
 }  // namespace
@@ -156,6 +168,30 @@ static UsbDeviceInterface* OpenDeviceInterface(UsbService* service) {
   return device;
 }
 
+static bool IsNeverOnAPhone(const UsbInterfaceClass& interface) {
+  switch (interface.bInterfaceClass) {
+    case kUsbClassHid:
+    case kUsbClassPrinter:
+    case kUsbClassHub:
+    case kUsbClassSmartCard:
+    case kUsbClassApplicationSpecific:
+      return true;
+    case kUsbClassWirelessController:
+      return interface.bInterfaceSubClass == kUsbSubClassRadioFrequency &&
+             interface.bInterfaceProtocol == kUsbProtocolBluetooth;
+    default:
+      return false;
+  }
+}
+
+// True for a device whose every interface is of a class no phone exposes (a keyboard, a hub, a
+// printer, a card reader, a Bluetooth radio with its firmware interface), when the platform can tell.
+static bool DeclaresOnlyNonPhoneInterfaces(UsbDeviceInterface* device) {
+  std::vector<UsbInterfaceClass> interfaces;
+  if (!s_notification_port->GetInterfaceClasses(device, &interfaces) || interfaces.empty()) return false;
+  return std::all_of(interfaces.begin(), interfaces.end(), IsNeverOnAPhone);
+}
+
 static void HandleArrival(UsbService* service) {
   const std::string serial = GetSerialNumber(service);
   if (serial.empty()) return;  // no serial: the device leaves no trace
@@ -175,6 +211,11 @@ static void HandleArrival(UsbService* service) {
   // Released here on every way out, unless the record takes it over.
   std::unique_ptr<UsbDeviceInterface, void (*)(UsbDeviceInterface*)> interface_guard(
       device, [](UsbDeviceInterface* d) { s_notification_port->ReleaseDeviceInterface(d); });
+  if (DeclaresOnlyNonPhoneInterfaces(device)) {
+    Log(QUENWICK_LEVEL_INFO, "usb device passed over, no interface a phone has: serial:%s vid:%hu pid:%hu",
+        serial.c_str(), vid, pid);
+    return;
+  }
   auto record = std::make_unique<DeviceNotifyInfo>();
   record->info.manufacturer = GetStringDescriptor(device, manufacturer_index);
   record->info.product = GetStringDescriptor(device, product_index);

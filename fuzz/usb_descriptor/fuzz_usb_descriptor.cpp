@@ -1,5 +1,6 @@
 // The bytes a USB device or the kernel hands the watcher: a string descriptor answer (with any
-// transferred length), the sysfs "descriptors" attribute, and the sysfs string text that is
+// transferred length), the sysfs "descriptors" attribute (device descriptor and interface
+// classes), and the sysfs string text that is
 // turned back into a descriptor. The first byte picks the parser; the rest is its input.
 #include <cstddef>
 #include <cstdint>
@@ -39,6 +40,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       UsbDeviceDescriptorFields fields;
       const std::vector<unsigned char> copy(bytes, bytes + length);  // exact size for ASan
       (void)ParseDeviceDescriptor(copy.data(), copy.size(), &fields);
+      std::vector<UsbInterfaceClass> interfaces;
+      // One interface takes at least 9 bytes after the 18 of the device descriptor.
+      if (ParseInterfaceClasses(copy.data(), copy.size(), &interfaces) &&
+          interfaces.size() > (copy.size() - 18) / 9) {
+        std::abort();
+      }
       break;
     }
     case 2: {

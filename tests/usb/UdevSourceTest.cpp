@@ -187,6 +187,35 @@ TEST_F(UdevSource, ControlTransfersOnTheNodeAnswerTheStrings) {
   EXPECT_EQ(transfers[1].wValue, 0x0302);
 }
 
+// Devices of a listed vendor (so that the lists alone would take them) with real interface sets.
+TEST_F(UdevSource, DevicesWithOnlyInterfacesNoPhoneHasArePassedOver) {
+  const struct {
+    const char* serial;
+    std::vector<std::array<uint8_t, 3>> interfaces;
+    bool recorded;
+  } devices[] = {
+      {"keyboard", {{0x03, 0x01, 0x01}, {0x03, 0x00, 0x00}}, false},
+      {"usb-c-hub", {{0x09, 0x00, 0x01}, {0x09, 0x00, 0x02}}, false},
+      {"laserjet", {{0x07, 0x01, 0x02}}, false},
+      {"card-reader", {{0x0B, 0x00, 0x00}}, false},
+      {"bt-dongle", {{0xE0, 0x01, 0x01}, {0xE0, 0x01, 0x01}, {0xFE, 0x01, 0x01}}, false},
+      {"adb-phone", {{0x06, 0x01, 0x01}, {0xFF, 0x42, 0x01}}, true},
+      {"tethering", {{0xE0, 0x01, 0x03}, {0x0A, 0x00, 0x00}}, true},
+      {"hid-and-mtp", {{0x03, 0x00, 0x00}, {0x06, 0x01, 0x01}}, true},
+  };
+  Start();
+  int number = 21;
+  for (const auto& d : devices) {
+    SimulatedUsbDevice device = Phone(number++, d.serial);
+    device.interfaces = d.interfaces;
+    testbed_->Plug(device);
+  }
+  PlugAndWait(Phone(number, "sentinel"));
+  for (const auto& d : devices) EXPECT_EQ(d.recorded, Has(d.serial)) << d.serial;
+  EXPECT_EQ(log_capture::CountContaining("no interface a phone has"), 5);
+  EXPECT_TRUE(fake_adb::Calls().empty()) << "the lists and ADB are not asked for them";
+}
+
 TEST_F(UdevSource, BrokenDescriptorsArePassedOverWithTheirLines) {
   SimulatedUsbDevice missing = Phone(14, "no-descriptors");
   missing.descriptors = std::vector<unsigned char>{};

@@ -60,10 +60,23 @@ std::string Escaped(const std::string& value) {
 }
 
 std::vector<unsigned char> DeviceDescriptor(const SimulatedUsbDevice& d) {
-  return {18,   1,    0x00, 0x02, 0, 0, 0, 64,
-          static_cast<unsigned char>(d.vid & 0xFF), static_cast<unsigned char>(d.vid >> 8),
-          static_cast<unsigned char>(d.pid & 0xFF), static_cast<unsigned char>(d.pid >> 8),
-          0x00, 0x01, d.manufacturer_index, d.product_index, 3, 1};
+  std::vector<unsigned char> bytes = {
+      18, 1, 0x00, 0x02, 0, 0, 0, 64,
+      static_cast<unsigned char>(d.vid & 0xFF), static_cast<unsigned char>(d.vid >> 8),
+      static_cast<unsigned char>(d.pid & 0xFF), static_cast<unsigned char>(d.pid >> 8),
+      0x00, 0x01, d.manufacturer_index, d.product_index, 3, 1};
+  if (d.interfaces.empty()) return bytes;
+  const size_t total = 9 + 9 * d.interfaces.size();
+  const std::vector<unsigned char> configuration = {
+      9, 2, static_cast<unsigned char>(total & 0xFF), static_cast<unsigned char>(total >> 8),
+      static_cast<unsigned char>(d.interfaces.size()), 1, 0, 0x80, 250};
+  bytes.insert(bytes.end(), configuration.begin(), configuration.end());
+  unsigned char number = 0;
+  for (const auto& [cls, subclass, protocol] : d.interfaces) {
+    const std::vector<unsigned char> interface = {9, 4, number++, 0, 0, cls, subclass, protocol, 0};
+    bytes.insert(bytes.end(), interface.begin(), interface.end());
+  }
+  return bytes;
 }
 
 std::string NodeName(int number) {

@@ -4,6 +4,7 @@
 // library (LD_PRELOAD=libumockdev-preload.so.0, or under umockdev-wrapper).
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -22,8 +23,10 @@ struct SimulatedUsbDevice {
   // The kernel's UTF-8 copies in sysfs; absent attributes when not set.
   std::optional<std::string> sysfs_manufacturer;
   std::optional<std::string> sysfs_product;
-  // The "descriptors" attribute; the 18-byte device descriptor of the fields above when empty.
+  // The "descriptors" attribute; when not set, the device descriptor of the fields above, then one
+  // configuration with these interfaces (class, subclass, protocol), if any.
   std::optional<std::vector<unsigned char>> descriptors;
+  std::vector<std::array<uint8_t, 3>> interfaces;
   // With a device node: string descriptors by index, as UTF-16 code units. An index without an
   // entry stalls; 0 answers the language table.
   bool has_node = false;

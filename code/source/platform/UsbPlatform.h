@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 // Opaque handles. Each platform derives its own structs from these and casts back; the logic only
 // passes them around and hands each one back to the platform exactly once to be released.
@@ -35,6 +36,13 @@ inline constexpr uint8_t kUsbRequestTypeStandardDeviceIn = 0x80;  // device to h
 inline constexpr uint8_t kUsbRequestGetDescriptor = 6;
 inline constexpr uint8_t kUsbDescriptorTypeString = 3;
 inline constexpr uint16_t kUsbLanguageEnglishUs = 0x0409;
+
+// One interface a device declares, by its USB-IF class codes.
+struct UsbInterfaceClass {
+  uint8_t bInterfaceClass = 0;
+  uint8_t bInterfaceSubClass = 0;
+  uint8_t bInterfaceProtocol = 0;
+};
 
 // One standard control transfer, device to host (the fields of USB 2.0's SETUP packet).
 struct UsbDeviceRequest {
@@ -79,6 +87,12 @@ class UsbPlatform {
   // One synchronous control transfer with a bounded time; 0 on success with wLenDone filled.
   virtual int DeviceRequest(UsbDeviceInterface* device, UsbDeviceRequest* request) = 0;
   virtual void ReleaseDeviceInterface(UsbDeviceInterface* device) = 0;
+  // The interfaces of the device's configuration descriptors, read without asking the device.
+  // False when the platform cannot tell; no device is then passed over for its interfaces.
+  virtual bool GetInterfaceClasses(UsbDeviceInterface* /*device*/,
+                                   std::vector<UsbInterfaceClass>* /*interfaces*/) {
+    return false;
+  }
   // Registers for the device's notifications: 0 with *notification set, or a non-zero code.
   virtual int AddInterestNotification(UsbService* service, UsbDeviceRemovedCallback callback,
                                       void* refCon, UsbNotification** notification) = 0;

@@ -57,6 +57,8 @@ struct LinuxUsbPlugIn : UsbPlugIn {
 
 struct LinuxUsbDeviceInterface : UsbDeviceInterface {
   UsbDeviceDescriptorFields fields;
+  bool has_interfaces = false;
+  std::vector<UsbInterfaceClass> interfaces;
   DeviceNames names;
   bool path_logged = false;
   bool node_unusable = false;  // once the host refused a transfer, sysfs answers the rest
@@ -290,6 +292,8 @@ class LinuxUsbPlatform : public UsbPlatform {
     }
     auto* created = new LinuxUsbDeviceInterface;
     created->fields = fields;
+    created->has_interfaces = ParseInterfaceClasses(source->descriptors.data(), source->descriptors.size(),
+                                                    &created->interfaces);
     created->names = source->names;
     *device = created;
     return 0;
@@ -330,6 +334,11 @@ class LinuxUsbPlatform : public UsbPlatform {
   }
 
   void ReleaseDeviceInterface(UsbDeviceInterface* device) override { delete Interface(device); }
+
+  bool GetInterfaceClasses(UsbDeviceInterface* device, std::vector<UsbInterfaceClass>* interfaces) override {
+    *interfaces = Interface(device)->interfaces;
+    return Interface(device)->has_interfaces;
+  }
 
   int AddInterestNotification(UsbService* service, UsbDeviceRemovedCallback callback, void* refCon,
                               UsbNotification** notification) override {

@@ -7,6 +7,8 @@ namespace {
 constexpr size_t kDeviceDescriptorLength = 18;
 constexpr uint8_t kDeviceDescriptorType = 1;
 constexpr uint8_t kStringDescriptorType = 3;
+constexpr uint8_t kInterfaceDescriptorType = 4;
+constexpr size_t kInterfaceDescriptorLength = 9;
 constexpr size_t kMaxStringUnits = (255 - 2) / 2;
 constexpr char32_t kReplacementCharacter = 0xFFFD;
 
@@ -29,6 +31,21 @@ bool ParseDeviceDescriptor(const unsigned char* data, size_t size, UsbDeviceDesc
   fields->manufacturer_index = data[14];
   fields->product_index = data[15];
   return true;
+}
+
+bool ParseInterfaceClasses(const unsigned char* data, size_t size,
+                           std::vector<UsbInterfaceClass>* interfaces) {
+  interfaces->clear();
+  if (data == nullptr || size < kDeviceDescriptorLength) return false;
+  for (size_t at = kDeviceDescriptorLength; at < size;) {
+    const size_t length = data[at];
+    if (length < 2 || at + length > size) return false;  // a descriptor that does not chain
+    if (data[at + 1] == kInterfaceDescriptorType && length >= kInterfaceDescriptorLength) {
+      interfaces->push_back({data[at + 5], data[at + 6], data[at + 7]});
+    }
+    at += length;
+  }
+  return !interfaces->empty();
 }
 
 std::vector<unsigned char> BuildStringDescriptorFromText(const std::string& utf8) {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "UsbPlatform.h"
+
 struct UsbDeviceDescriptorFields {
   uint16_t vid = 0;
   uint16_t pid = 0;
@@ -18,6 +20,11 @@ struct UsbDeviceDescriptorFields {
 // The fields of the 18-byte device descriptor that "descriptors" starts with; false when the
 // bytes do not start with one.
 bool ParseDeviceDescriptor(const unsigned char* data, size_t size, UsbDeviceDescriptorFields* fields);
+
+// The interface descriptors among the configuration descriptors that follow the device
+// descriptor in "descriptors"; false when there are none or the bytes do not chain.
+bool ParseInterfaceClasses(const unsigned char* data, size_t size,
+                           std::vector<UsbInterfaceClass>* interfaces);
 
 // The string descriptor a device would send for this text: bLength, type 3, then the text as
 // UTF-16LE, cut to the 126 units that fit (never inside a surrogate pair). The kernel turned the
