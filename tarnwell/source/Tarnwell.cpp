@@ -115,7 +115,8 @@ void LogNewRemarks(const std::vector<tarnwell::StateRemark>& remarks) {
   for (const auto& [serial, text] : now) {
     const auto before = s_logged_remarks.find(serial);
     if (before != s_logged_remarks.end() && before->second == text) continue;
-    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "AdbGetDevicesEx: device %s is %s", serial.c_str(), text.c_str());
+    LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "AdbGetDevicesEx: %s: %s", serial.c_str(),
+          text.c_str());
   }
   s_logged_remarks = std::move(now);
 }

@@ -83,8 +83,8 @@ TEST_F(AdbClientTest, ListTextForNoneOneAndManyDevices) {
     EXPECT_EQ(List(), "emulator-5554-device;b,2-unauthorized;127.0.0.1:40001-offline;"
                       "C3-no permissions;D4-fast_boot_mode;");
   }
-  EXPECT_EQ(CountInLog("device C3 is no permissions " + why), 1) << LogText();
-  EXPECT_EQ(CountInLog("device D4 is fast_boot_mode (a later adb)"), 1) << LogText();
+  EXPECT_EQ(CountInLog("C3: no permissions " + why), 1) << LogText();
+  EXPECT_EQ(CountInLog("D4: fast_boot_mode (a later adb)"), 1) << LogText();
   int count = 0;
   char* list = nullptr;
   ASSERT_EQ(AdbGetDevicesEx(&list, &count, 0), 0);
