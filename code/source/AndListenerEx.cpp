@@ -66,9 +66,9 @@ void LogNewNoPermissionDevices(const std::map<std::string, std::string>& now) {
     keys.insert(key);
     if (s_no_permission_keys.count(key) != 0) continue;
     LogEx(kLogCategory, QUENWICK_LEVEL_ERROR,
-          "Device %s: no permissions, adb cannot open its USB device node. Install the udev rules "
-          "(51-pelmora-android.rules), add the user to the plugdev group, log in again and plug "
-          "the device in again.",
+          "Device %s: no permissions, adb cannot open its USB device node. Copy Pelmora's "
+          "51-pelmora-android.rules to /etc/udev/rules.d, run 'udevadm control --reload-rules "
+          "&& udevadm trigger' as root, and plug the device in again.",
           serial.c_str());
   }
   s_no_permission_keys = std::move(keys);

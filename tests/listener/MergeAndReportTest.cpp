@@ -324,7 +324,7 @@ TEST(AdbStatusQuery, ParsesTheListTextEntryByEntry) {
       EXPECT_EQ(c.expected, got) << c.text;
     }
     EXPECT_EQ(2 * c.offline_lines, log_capture::Count(3, "Device offline.\r")) << c.text;
-    EXPECT_EQ(c.no_permission_lines, log_capture::CountContaining("plugdev group")) << c.text;
+    EXPECT_EQ(c.no_permission_lines, log_capture::CountContaining("51-pelmora-android.rules")) << c.text;
     EXPECT_EQ(0, fake_adb::OutstandingLists()) << "every list text is handed back";
   }
   EXPECT_EQ(AdbConnect, ConvertAuthorStatus2ConnectStatus(DeviceNotUsableThroughAdb));
