@@ -57,12 +57,12 @@ def test_phone_arrives_and_leaves(setup):
         with pytest.raises(RuntimeError, match="already listening"):
             pelmora.listen()
         arrival = wait_for(changes.get, lambda c: c.model == MODEL)
-        assert (arrival.old_status, arrival.new_status) == (pelmora.Status.NotConnect,
-                                                             pelmora.Status.AuthoredConnect)
-        assert (arrival.os_version, arrival.adb_error_code) == ("14", 0)
+        assert (arrival.new_status, arrival.os_version, arrival.adb_error_code) == (
+            pelmora.Status.AuthoredConnect, "14", 0)
         phone.command("leave")
-        gone = wait_for(changes.get, lambda c: c.key_serial == arrival.key_serial)
-        assert gone.new_status is pelmora.Status.NotConnect
+        gone = wait_for(changes.get, lambda c: c.key_serial == arrival.key_serial
+                        and c.new_status is pelmora.Status.NotConnect)
+        assert (gone.model, gone.os_version) == ("", "")  # a departed phone has no details
         with pytest.raises(dataclasses.FrozenInstanceError):
             gone.model = "changed"
     list(changes)  # a stopped listener ends its iteration once drained, and never blocks
