@@ -49,18 +49,14 @@ class Arguments : public ::testing::Test {
   }
 };
 
-TEST_F(Arguments, DefaultsApplyWhenNoFlagIsGiven) {
-  const ParseResult r = Parse({});
-  ASSERT_TRUE(r.ok);
-  EXPECT_EQ("/cfg", r.options.config_dir);
-  EXPECT_EQ("/res", r.options.resource_dir);
-  EXPECT_EQ("/log", r.options.log_dir);
-  EXPECT_FALSE(r.options.resource_dir_given);
-  EXPECT_FALSE(r.options.json || r.options.once || r.options.help || r.options.version);
-  EXPECT_EQ(3000, r.options.once_wait_ms);
-}
+TEST_F(Arguments, DefaultsFoldersAndSwitchesInBothSpellings) {
+  const ParseResult d = Parse({});
+  ASSERT_TRUE(d.ok);
+  EXPECT_EQ("/cfg /res /log", d.options.config_dir + " " + d.options.resource_dir + " " + d.options.log_dir);
+  EXPECT_FALSE(d.options.resource_dir_given || d.options.json || d.options.once || d.options.help ||
+               d.options.version);
+  EXPECT_EQ(3000, d.options.once_wait_ms);
 
-TEST_F(Arguments, FoldersAndSwitchesTakeBothSpellings) {
   const ParseResult r = Parse({"--config", "/a", "--resources=/b", "--log-dir", "/c d", "--json",
                                "--once", "--wait=0.5"});
   ASSERT_TRUE(r.ok) << r.error;

@@ -186,16 +186,6 @@ TEST_F(Session, JsonLinesCarryEveryReportUntilSigtermAndTheLastOneAfterStop) {
   EXPECT_NE(std::string::npos, err_.find("a report was skipped: report is not JSON")) << err_;
 }
 
-TEST_F(Session, HandsTheFoldersToInitAndCreatesTheDefaultOnes) {
-  settings_.options.once = true;
-  EXPECT_EQ(monitor::kExitOk, monitor::RunMonitor(kFakeApi, settings_));
-  EXPECT_EQ(settings_.options.config_dir, fake_.init_config);
-  EXPECT_EQ(settings_.options.resource_dir, fake_.init_resources);
-  EXPECT_EQ(settings_.options.log_dir, fake_.init_logs);
-  EXPECT_TRUE(fs::is_directory(settings_.options.log_dir));
-  EXPECT_TRUE(fs::is_directory(settings_.options.resource_dir));
-}
-
 TEST_F(Session, OnceWithoutAnyReportSaysSoAfterItsWait) {
   settings_.options.once = true;
   const auto started = std::chrono::steady_clock::now();
@@ -203,6 +193,12 @@ TEST_F(Session, OnceWithoutAnyReportSaysSoAfterItsWait) {
   EXPECT_GE(std::chrono::steady_clock::now() - started, 200ms);
   EXPECT_EQ("no Android device\n", out_);
   EXPECT_EQ(1, fake_.stop_calls.load());
+  // The folders reach InitPelmora as given, the default ones made on the way.
+  EXPECT_EQ(settings_.options.config_dir, fake_.init_config);
+  EXPECT_EQ(settings_.options.resource_dir, fake_.init_resources);
+  EXPECT_EQ(settings_.options.log_dir, fake_.init_logs);
+  EXPECT_TRUE(fs::is_directory(settings_.options.log_dir));
+  EXPECT_TRUE(fs::is_directory(settings_.options.resource_dir));
 
   out_.clear();
   settings_.options.json = true;  // JSON Lines stay pure: the remark goes to stderr

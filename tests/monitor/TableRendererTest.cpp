@@ -3,6 +3,7 @@
 
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "DeviceTable.h"
@@ -86,30 +87,18 @@ TEST(Renderer, EmptyTableAndAdbFailureAreSaidInWords) {
 }
 
 TEST(Cells, DeviceTextsAreMadeHarmlessAndCutByCharacters) {
-  const std::string seven_e_acute = "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9";
-  const struct {
-    std::string text;
-    size_t width;
-    std::string cell;
-  } kCases[] = {
-      {"\x1b[2J\x1b]0;title\x07", 40, "?[2J?]0;title?"},  // nothing can drive the terminal
-      {"a\x7f" "b", 40, "a?b"},
-      {"abcdef", 6, "abcdef"},
-      {"abcdefg", 6, "abc..."},
-      {seven_e_acute, 6, "\xc3\xa9\xc3\xa9\xc3\xa9..."},  // cut by characters, not bytes
-  };
-  for (const auto& c : kCases) {
-    const std::string cell = monitor::SanitizeCell(c.text, c.width);
-    EXPECT_EQ(c.cell, cell);
-    EXPECT_LE(monitor::DisplayWidth(cell), c.width) << cell;
+  const std::string e7 = "\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9\xc3\xa9";  // 7 x é: cut by characters
+  for (const auto& [text, width, cell] : std::vector<std::tuple<std::string, size_t, std::string>>{
+           {"\x1b[2J\x1b]0;title\x07", 40, "?[2J?]0;title?"}, {"a\x7f" "b", 40, "a?b"},
+           {"abcdef", 6, "abcdef"}, {"abcdefg", 6, "abc..."}, {e7, 6, "\xc3\xa9\xc3\xa9\xc3\xa9..."}}) {
+    EXPECT_EQ(cell, monitor::SanitizeCell(text, width));
+    EXPECT_LE(monitor::DisplayWidth(cell), width) << cell;
   }
   const DeviceTable table = TableFrom(
-      "{\"changed\":[{\"key_serial\":\"k\",\"new_status\":\"AuthoredConnect\","
-      "\"model\":\"\\u001b[31mred\"}]}");
+      "{\"changed\":[{\"key_serial\":\"k\",\"new_status\":\"AuthoredConnect\",\"model\":\"\\u001b[31mred\"}]}");
   EXPECT_EQ(std::string::npos, RenderTable(table, {false, ""}).find('\x1b'));
-  EXPECT_EQ("18d1:4ee7", monitor::FormatUsbId(0x18d1, 0x4ee7));
-  EXPECT_EQ("0000:0001", monitor::FormatUsbId(0, 1));
-  EXPECT_EQ("-", monitor::FormatUsbId(0, 0));
+  EXPECT_EQ("18d1:4ee7 0000:0001 -", monitor::FormatUsbId(0x18d1, 0x4ee7) + " " + monitor::FormatUsbId(0, 1) +
+                                         " " + monitor::FormatUsbId(0, 0));
 }
 
 }  // namespace
