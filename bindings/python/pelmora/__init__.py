@@ -18,6 +18,7 @@ import enum
 import json
 import logging
 import queue
+import threading
 
 from . import _native
 
@@ -106,6 +107,7 @@ class _Session:
 
     def __init__(self):
         self._stopped = False
+        self._closing = threading.Lock()  # no entry is queued after the end mark
         _check(_native.start_listening(self), "StartListenAndroidDevice")
 
     @property
@@ -114,9 +116,12 @@ class _Session:
 
     def stop(self):
         """Stops listening; entries already queued can still be read. Safe to call twice."""
-        if not self._stopped:
+        with self._closing:
+            if self._stopped:
+                return
             self._stopped = True
-            _native.stop_listening(self)
+        _native.stop_listening(self)
+        with self._closing:
             self._close()
 
     def deliver(self, report):
@@ -126,7 +131,9 @@ class _Session:
         except (ValueError, KeyError, TypeError) as e:
             _log.error("unreadable report from libPelmora (%r): %r", e, report)
             return
-        self._enqueue(changes)
+        with self._closing:
+            if not self._stopped:  # a report of a poll that was under way at stop() is dropped
+                self._enqueue(changes)
 
     def _enqueue(self, changes):
         raise NotImplementedError
@@ -194,6 +201,8 @@ class AsyncListener(_Session):
             pass  # the loop is closed: nobody is left to read
 
     def _put_all(self, changes):
+        if self._stopped:
+            return
         for change in changes:
             self._queue.put_nowait(change)
 
