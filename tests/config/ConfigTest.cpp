@@ -19,7 +19,7 @@ using Pids = std::vector<unsigned int>;
 namespace {
 
 // What each line grammar makes of a line: "key|number" and "left|right", or "no".
-TEST(ConfigLines, BothGrammarsTakeExactlyTheirLines) {
+TEST(ConfigLines, GrammarsTakeExactlyTheirLinesAndSplittingFollowsItsRule) {
   const struct { const char* line; const char* key_number; const char* two_fields; } cases[] = {
       {"acme=1234", "acme|1234", "acme|1234"},
       {" \t acme \t=\t 1234 \t", "acme|1234", " \t acme \t|\t 1234 \t"},
@@ -29,16 +29,10 @@ TEST(ConfigLines, BothGrammarsTakeExactlyTheirLines) {
       {"#acme=1234", "#acme|1234", "#acme|1234"},
       {"\xef\xbb\xbfGoogle=6353", "\xef\xbb\xbfGoogle|6353", "\xef\xbb\xbfGoogle|6353"},
       {"a\v=\f5", "a|5", "a\v|\f5"},
-      {"Acme Inc = 1234", "no", "Acme Inc | 1234"},
-      {"acme = 0x04E8", "no", "acme | 0x04E8"},
-      {"acme = 12 34", "no", "acme | 12 34"},
-      {"acme=-5", "no", "acme|-5"},
-      {"= 1234", "no", "| 1234"},
-      {"a=b=", "no", "a|b"},
-      {"acme =", "no", "no"},
-      {"acme: 1234", "no", "no"},
-      {"a=b=c", "no", "no"},
-      {"", "no", "no"},
+      {"Acme Inc = 1234", "no", "Acme Inc | 1234"}, {"acme = 0x04E8", "no", "acme | 0x04E8"},
+      {"acme = 12 34", "no", "acme | 12 34"},       {"acme=-5", "no", "acme|-5"},
+      {"= 1234", "no", "| 1234"},                   {"a=b=", "no", "a|b"},
+      {"acme =", "no", "no"}, {"acme: 1234", "no", "no"}, {"a=b=c", "no", "no"}, {"", "no", "no"},
   };
   for (const auto& c : cases) {
     std::string a = "unset", b = "unset";
@@ -46,11 +40,8 @@ TEST(ConfigLines, BothGrammarsTakeExactlyTheirLines) {
     a = b = "unset";
     EXPECT_EQ(c.two_fields, MatchTwoFieldLine(c.line, &a, &b) ? a + "|" + b : "no") << c.line;
   }
-}
-
-// Empty pieces stay except at the tail; other patterns go through the regular-expression engine.
-TEST(ConfigLines, SplittingKeepsEmptyPiecesButNoEmptyTail) {
-  const struct { const char* text; const char* pattern; Pieces pieces; } cases[] = {
+  // Splitting keeps empty pieces but no empty tail; other patterns go through std::regex.
+  const struct { const char* text; const char* pattern; Pieces pieces; } splits[] = {
       {"", "[\r\n]+", {""}},           {"one", "[\r\n]+", {"one"}},
       {"\r\na\r\n\n\rb\n", "[\r\n]+", {"", "a", "b"}},
       {"a==b", "=", {"a", "", "b"}},   {"a=b=", "=", {"a", "b"}},
@@ -58,7 +49,7 @@ TEST(ConfigLines, SplittingKeepsEmptyPiecesButNoEmptyTail) {
       {"a, b,c", ", ?", {"a", "b", "c"}}, {"a--b-", "-", {"a", "", "b"}},
       {"abc", ", ?", {"abc"}},
   };
-  for (const auto& c : cases) EXPECT_EQ(c.pieces, split(c.text, c.pattern)) << c.text;
+  for (const auto& c : splits) EXPECT_EQ(c.pieces, split(c.text, c.pattern)) << c.text;
   // Key serials lower ASCII letters only.
   EXPECT_EQ("abc-12\xc3\x89z\xff@[", GetLowerCaseString("AbC-12\xc3\x89Z\xff@["));
 }
@@ -75,20 +66,18 @@ class ConfigFolder : public ::testing::Test {
 
 TEST_F(ConfigFolder, ReadTotalFileReadsEveryByteOrSaysTheFileCannotBeOpened) {
   std::string text;
-  EXPECT_EQ(2, ReadTotalFile((dir_.path() + "/missing").c_str(), &text));
+  const std::string file = dir_.path() + "/file";
+  EXPECT_EQ(2, ReadTotalFile(file.c_str(), &text));
   EXPECT_EQ(2, ReadTotalFile(Dir(), &text)) << "a folder is not a configuration file";
-  Write("empty", "");
-  EXPECT_EQ(0, ReadTotalFile((dir_.path() + "/empty").c_str(), &text));
-  EXPECT_EQ("", text);
-  Write("bytes", std::string("a\0b\r\n", 5));
-  EXPECT_EQ(0, ReadTotalFile((dir_.path() + "/bytes").c_str(), &text));
-  EXPECT_EQ(std::string("a\0b\r\n", 5), text);
+  for (const std::string& bytes : {std::string(), std::string("a\0b\r\n", 5)}) {
+    Write("file", bytes);
+    EXPECT_EQ(0, ReadTotalFile(file.c_str(), &text));
+    EXPECT_EQ(bytes, text);
+  }
 }
 
 TEST_F(ConfigFolder, TablesKeepTheFirstVendorLineAndEveryPidOfItsLeadingDecimalKey) {
   EXPECT_EQ(2, LoadVIDConfig(Dir()));
-  EXPECT_EQ(2, LoadiManufactureAndiProductConfig(Dir()));
-  EXPECT_EQ(2, LoadBlackPIDConfig(Dir(), 100));
   EXPECT_TRUE(GetVIDConfigMap().empty()) << "a missing file changes nothing";
 
   // Every line ending; numbers past 32 bits stay at the largest value, which no USB ID equals.

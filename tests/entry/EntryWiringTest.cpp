@@ -37,16 +37,13 @@ class Entry : public ::testing::Test {
   TempDir config_;
 };
 
-TEST_F(Entry, AMissingOrEmptyFolderIsRefusedBeforeAnythingHappens) {
+TEST_F(Entry, InitialisationRefusesMissingFoldersRunsInOrderAndFailsOnlyOnTheManufacturerList) {
   const char* cases[][3] = {{nullptr, "r", "l"}, {"", "r", "l"}, {"c", nullptr, "l"},
                             {"c", "", "l"},      {"c", "r", nullptr}, {"c", "r", ""}};
   for (const auto& c : cases) EXPECT_EQ(PELMORA_ERR_ARGUMENT, InitPelmora(c[0], c[1], c[2]));
-  EXPECT_TRUE(log_capture::InitCalls().empty());
-  EXPECT_TRUE(log_capture::Lines().empty());
-  EXPECT_TRUE(fake_adb::Calls().empty());
-}
+  EXPECT_TRUE(log_capture::InitCalls().empty() && log_capture::Lines().empty() &&
+              fake_adb::Calls().empty()) << "no log file, no line, no adb call";
 
-TEST_F(Entry, InitialisationRunsInOrderAndOnlyTheManufacturerListDecidesItsResult) {
   const std::string config = config_.path();
   ASSERT_EQ(0, InitPelmora(config.c_str(), "/res", "/var/log/app/"));
   EXPECT_EQ((Strings{config + "|Pelmora|/var/log/app//Pelmora.log"}), log_capture::InitCalls())
