@@ -272,9 +272,10 @@ def main():
             print('AndroidPIDBlack.ini reproduced from usb.ids %s' % version)
             return 0
         if version != PINNED_VERSION:
-            print('usb.ids differs: installed version %s (package %s), the shipped list was made from '
-                  '%s (package %s); install that package to reproduce it'
-                  % (version, installed_package_version(), PINNED_VERSION, PINNED_PACKAGE))
+            print('usb.ids differs: %s is version %s (Debian package installed here: %s), the shipped '
+                  'list was made from %s (package %s); install that package to reproduce it'
+                  % (args.usb_ids, version or 'unknown', installed_package_version(), PINNED_VERSION,
+                     PINNED_PACKAGE))
         else:
             print('AndroidPIDBlack.ini differs from what usb.ids %s gives: run "generate --out"' % version)
         return 1
