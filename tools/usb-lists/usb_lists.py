@@ -188,8 +188,9 @@ def render_black_list(version, vendors, entries):
     last = None
     for vid, pid, name in entries:
         if vid != last:
-            out += ['' if last else None, '; %s (0x%s)' % (vendors[vid], vid.upper())]
-            out = [line for line in out if line is not None]
+            if last:
+                out.append('')
+            out.append('; %s (0x%s)' % (vendors[vid], vid.upper()))
             last = vid
         out.append('; 0x%s:0x%s %s' % (vid, pid, name))
         out.append('%d=%d' % (int(vid, 16), int(pid, 16)))
