@@ -233,6 +233,41 @@ TEST_F(Watcher, DevicesSharingAKeySerialShareOneEntryUntilTheFirstLeaves) {
   EXPECT_EQ(world_->Outstanding().notifications, 0);
 }
 
+TEST_F(Watcher, DevicesDeclaringOnlyInterfacesNoPhoneHasArePassedOver) {
+  // A configuration descriptor with one interface descriptor per (class, subclass, protocol).
+  const auto configuration = [](std::vector<std::vector<unsigned char>> interfaces) {
+    std::vector<unsigned char> bytes = {9, 2, 0, 0, static_cast<unsigned char>(interfaces.size()), 1, 0, 0x80, 50};
+    for (const auto& c : interfaces) bytes.insert(bytes.end(), {9, 4, 0, 0, 0, c[0], c[1], c[2], 0});
+    bytes[2] = static_cast<unsigned char>(bytes.size());
+    return bytes;
+  };
+  struct Case {
+    std::string id;
+    std::vector<unsigned char> configuration;
+    bool recorded;
+  };
+  const std::vector<Case> cases = {
+      {"keyboard", configuration({{0x03, 1, 1}}), false},
+      {"radio", configuration({{0xE0, 1, 1}, {0xFE, 1, 1}}), false},
+      {"phone", configuration({{0x06, 1, 1}, {0xFF, 0x42, 1}}), true},
+      {"tethering", configuration({{0xE0, 1, 3}, {0x0A, 0, 0}}), true},
+      {"broken", {9, 2, 12, 0, 1, 1, 0, 0x80, 50, 0, 4, 0}, true},  // cannot tell: kept
+      {"unconfigured", {}, true},
+  };
+  Start();
+  for (const Case& c : cases) {
+    Device device = Phone(c.id);
+    device.configuration = c.configuration;
+    Plug(device);
+  }
+  for (const Case& c : cases) {
+    EXPECT_EQ(Table().count(c.id), c.recorded ? 1u : 0u) << c.id;
+    const std::string line = "usb device passed over, no interface a phone has: serial:" + c.id +
+                             " vid:6353 pid:1";
+    EXPECT_EQ(log_capture::Count(1, line), c.recorded ? 0 : 1) << c.id;
+  }
+}
+
 TEST_F(Watcher, FailedTerminationRegistrationKeepsTheEntry) {
   Device device = Phone("stuck");
   device.interest_result = static_cast<int>(0xE00002BC);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "UsbPlatform.h"
 
@@ -21,6 +22,8 @@ namespace {
 constexpr mach_port_t kDefaultMainPort = MACH_PORT_NULL;
 constexpr UInt32 kControlTimeoutMs = 1000;
 constexpr CFIndex kSerialNumberBufferSize = 260;  // text and its terminating zero
+constexpr uint8_t kInterfaceDescriptorType = 4;
+constexpr size_t kInterfaceDescriptorLength = 9;
 
 static_assert(kIOMessageServiceIsTerminated == kUsbMessageServiceIsTerminated,
               "the logic compares message types with IOKit's value");
@@ -222,6 +225,30 @@ class MacUsbPlatform : public UsbPlatform {
     const IOReturn kr = (*DeviceOf(device))->DeviceRequestTO(DeviceOf(device), &transfer);
     request->wLenDone = transfer.wLenDone;
     return kr;
+  }
+
+  // From the configuration descriptors IOKit read at enumeration: nothing is sent to the device.
+  bool GetInterfaceClasses(UsbDeviceInterface* handle, std::vector<UsbInterfaceClass>* interfaces) override {
+    interfaces->clear();
+    DeviceTable** device = DeviceOf(handle);
+    UInt8 count = 0;
+    if ((*device)->GetNumberOfConfigurations(device, &count) != kIOReturnSuccess) return false;
+    for (UInt8 index = 0; index < count; ++index) {
+      IOUSBConfigurationDescriptorPtr configuration = nullptr;
+      if ((*device)->GetConfigurationDescriptorPtr(device, index, &configuration) != kIOReturnSuccess ||
+          configuration == nullptr) {
+        return false;
+      }
+      const auto* bytes = reinterpret_cast<const unsigned char*>(configuration);
+      const size_t total = bytes[2] | bytes[3] << 8;  // wTotalLength, little-endian as on the wire
+      for (size_t at = 0; at < total; at += bytes[at]) {
+        if (bytes[at] < 2 || at + bytes[at] > total) return false;  // a descriptor that does not chain
+        if (bytes[at + 1] == kInterfaceDescriptorType && bytes[at] >= kInterfaceDescriptorLength) {
+          interfaces->push_back({bytes[at + 5], bytes[at + 6], bytes[at + 7]});
+        }
+      }
+    }
+    return !interfaces->empty();
   }
 
   void ReleaseDeviceInterface(UsbDeviceInterface* device) override {

@@ -1,8 +1,8 @@
 // The behaviour behind the stand-in headers, as far as the macOS USB source relies on it:
 // - arrivals reach a matching callback only once its iterator has been drained (that arms it);
 // - a CFRunLoopStop issued before CFRunLoopRun is forgotten when the run starts, and a source
-//   signalled from another thread fires only after CFRunLoopWakeUp;
-// - device interfaces are answered newest first up to the version the system offers;
+//   signalled from another thread fires when the loop next wakes (CFRunLoopWakeUp);
+// - a device interface newer than the simulated system offers is refused with E_NOINTERFACE;
 // - unimplemented slots (USBDeviceOpen, the unbounded DeviceRequest ...) are null, so a call
 //   that the source must not make crashes the test.
 // One lock guards everything; callbacks run without it, on the thread running the loop.
