@@ -72,7 +72,7 @@ struct LinuxUsbNotification : UsbNotification {
 
 std::string ErrorText(int error) { return std::system_category().message(error); }
 
-// A binary attribute read whole (up to limit bytes); an errno code when it cannot be read.
+// An attribute read whole (up to limit bytes); an errno code when it cannot be read.
 int ReadAttributeFile(const std::string& path, std::vector<unsigned char>* bytes) {
   const posix::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.ok()) return errno;
@@ -90,10 +90,16 @@ int ReadAttributeFile(const std::string& path, std::vector<unsigned char>* bytes
   return error;
 }
 
+// A text attribute as the kernel gives it, less its closing newline; false when the device has
+// none. Read directly rather than through libudev's attribute cache: each arrival reads three,
+// once, and libudev's path checks cost more than the read itself.
 bool SysattrText(udev_device* device, const char* name, std::string* text) {
-  const char* value = udev_device_get_sysattr_value(device, name);
-  if (value == nullptr) return false;
-  *text = value;
+  std::vector<unsigned char> bytes;
+  if (ReadAttributeFile(std::string(udev_device_get_syspath(device)) + "/" + name, &bytes) != 0) {
+    return false;
+  }
+  while (!bytes.empty() && (bytes.back() == '\n' || bytes.back() == '\r')) bytes.pop_back();
+  text->assign(bytes.begin(), bytes.end());
   return true;
 }
 
