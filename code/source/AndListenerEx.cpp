@@ -31,8 +31,11 @@ constexpr const char* kClosedConnectionText = "error: closed";
 // says little about the maker of the phone.
 bool IsChipsetVendor(uint32_t vid) { return vid == kVidQualcomm || vid == kVidGoogle || vid == kVidMediaTek; }
 
+// adb's state words that decide more than "unauthor" and "offline" do.
 constexpr const char* kUsableState = "device";
 constexpr const char* kNoPermissionsState = "no permissions";
+constexpr const char* kConnectingState = "connecting";
+constexpr const char* kAuthorizingState = "authorizing";
 
 // The ADB status of a state word; false for the states in which ADB is still setting the link up
 // ("connecting", "authorizing"): such a device is left out of the poll, so that the USB view
@@ -46,7 +49,7 @@ bool AuthorStatusOfState(const std::string& state, DeviceAuthorStatus* status) {
   } else if (state.find("offline") != std::string::npos) {
     LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "Device offline.\r");
     *status = DeviceOffline;
-  } else if (state == "connecting" || state == "authorizing") {
+  } else if (state == kConnectingState || state == kAuthorizingState) {
     return false;
   } else {
     *status = DeviceNotUsableThroughAdb;

@@ -17,7 +17,9 @@ class ListenDeviceChange;
 
 using HostCallback = int (*)(const char*, int);
 
-// The ADB list text of AdbGetDevicesEx into the ADB status map; 0, or the library's code.
+// The ADB list text of AdbGetDevicesEx into the ADB status map; 0, or the library's code. A device
+// that ADB is still connecting or authorising is left out; a "no permissions" one is logged with
+// its remedy when it first shows so.
 int GetDevicesAuthorStatusEx(std::map<std::string, DeviceAuthorInfo_>& devices);
 
 // True when text holds "\u" (backslash, u), "," or ".".

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <iterator>
 #include <map>
 #include <new>
 #include <string>
@@ -75,8 +76,13 @@ class Unreachable {
   }
   void Remember(std::uint16_t port, const std::string& serial, int code) {
     std::lock_guard<std::mutex> lock(mutex_);
+    // Devices that were never asked again would otherwise stay for good.
+    const Clock::time_point now = Clock::now();
+    for (auto entry = devices_.begin(); entry != devices_.end();) {
+      entry = entry->second.until <= now ? devices_.erase(entry) : std::next(entry);
+    }
     devices_[{port, serial}] =
-        Entry{code, Clock::now() + std::chrono::milliseconds(TARNWELL_UNREACHABLE_COOLDOWN_MS)};
+        Entry{code, now + std::chrono::milliseconds(TARNWELL_UNREACHABLE_COOLDOWN_MS)};
   }
 
  private:
