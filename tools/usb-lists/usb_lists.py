@@ -37,33 +37,43 @@ NON_PHONE = [
     ('printer', r'printer|laserjet|deskjet|officejet|photosmart|designjet|color ?jet|inkjet|'
                 r'\bpsc\b|envy \d|\bmfp?\b|multi-?function|all-in-one|scanjet|scanner|fax|copier|'
                 r'stylus|\bsp ?\d{3}|\bqms?\b|pixma|bizhub|aficio|ecosys|taskalfa|fs-\d|km-\d|'
-                r'\bplotter|label ?writer|\bpos\b|receipt|thermal'),
+                r'\bplotter|label ?writer|\bpos\b|receipt|thermal|printing|phaser|docuprint|'
+                r'workcentre|\bml-\d|\bscx-|\bclp-|\bal-\d{4}|\bar-m?\d{3}|\bsn-\d{4}|\bmfc\d|'
+                r'\bfi-\d'),
     ('modem', r'modem|\blte\b|\b[345]g\b|hspa|umts|gsm|cdma|wwan|mobile broadband|broadband|'
               r'\bqdl\b|qdloader|\bdiag\b|\bgobi|\bhs-?usb\b|e3\d{2,3}\b|\bk\d{4}\b|\bmf\d{3}\b|'
-              r'datacard|data card|mobile connect|usb stick|e-?stick|dongle|\bnmea\b|gps'),
+              r'datacard|data card|mobile connect|usb stick|e-?stick|dongle|\bnmea\b|gps|quectel|'
+              r'anydata|zero ?cd'),
     ('radio', r'bluetooth|\bbt\b|wlan|wi-?fi|wireless|802\.11|\bwl\w*\b|ethernet|\blan\b|network|'
               r'\bnic\b|\bir\b|infrared|\brf\b|receiver|transceiver|\bzigbee|radio|\bdvb|\btv\b|'
-              r'tuner|\bnfc\b'),
+              r'tuner|\bnfc\b|\btl-w|archer t\d|\brt\d{4}|realtek|my cinema'),
     ('storage', r'storage|flash|\bdisk\b|drive|\bhdd\b|\bssd\b|card ?reader|reader|\bsd\b|'
                 r'memory|thumb|\bcd-?r|\bdvd|blu-?ray|\bzip\b|floppy|\bjaz\b|enclosure|\bsata\b|'
-                r'\bide\b|\bmsc\b|\bums\b|cruzer|jump'),
+                r'\bide\b|\bmsc\b|\bums\b|cruzer|jump|hard ?disk|\bpssd\b|jmicron|datastation|'
+                r'story station'),
     ('camera', r'camera|webcam|\bcam\b|cam\b|digital still|\bdsc\b|camcorder|handycam|video|'
                r'imaging|\bimage|cyber-?shot|coolpix|powershot|finepix|mavica|optio|\bdc-?\d|'
                r'\bptp\b.*camera|lifecam|eyetoy|photo'),
     ('input', r'keyboard|mouse|mice|trackball|touchpad|trackpoint|joystick|gamepad|game ?pad|'
-              r'controller|\bhid\b|keypad|presenter|remote|tablet pc pen|digitizer|pen\b|'
-              r'fingerprint|biometric|smart ?card|smartcard|token|\bccid\b|barcode|\bscan'),
+              r'controller|\bhid\b|human interface|keypad|presenter|remote|tablet pc pen|'
+              r'digitizer|pen\b|fingerprint|biometric|smart ?card|smartcard|token|\bccid\b|'
+              r'barcode|\bscan|touch ?(screen|panel)|yubikey|\bu2f\b'),
     ('hub', r'\bhub\b|dock|port replicator|docking|switch|\bkvm\b'),
     ('audio', r'audio|headset|headphone|speaker|microphone|\bmic\b|sound|\bdac\b|\bmidi\b|'
               r'earphone|buds\b|soundbar'),
-    ('display', r'monitor|display|\blcd\b|projector|\bvga\b|\bdvi\b|\bhdmi\b|video adapter'),
+    ('display', r'monitor|display|\blcd\b|projector|\bvga\b|\bdvi\b|\bhdmi\b|video adapter|'
+                r'\brift\b'),
+    ('player', r'\bmp3\b|\bmp4\b|walkman|music player|media player|multimedia player|miniplayer|'
+               r'\bipod\b|zune|\byp-|yepp|gmini|media assistant|netmd|e-?book|reader'),
+    # Handhelds of other systems (Windows Mobile, BlackBerry OS, Symbian, Palm, Zaurus).
+    ('other-os', r'\bpda\b|pocket ?pc|\bsync\b|palm|ipaq|jornada|windows mobile|\bwm\d|symbian|'
+                 r'zaurus|blackberry (handheld|pearl)|^blackberry$'),
     ('computer', r'notebook|laptop|desktop|\bpc\b|chromebook|thinkpad|\bups\b|battery|charger|'
                  r'power ?supply|\bmcu\b|embedded|\bevb\b|evaluation|dev(elopment)? board|'
-                 r'\bjtag\b|debugger|programmer|\buart\b|serial|\bttl\b|rs-?232|usb-serial|'
-                 r'bridge|converter|adapter|controller|sensor|meter|\bwatch\b|forerunner|'
-                 r'fenix|edge \d|nuvi|oregon|etrex|\bgarmin\b|fitness|scale|medical|'
-                 r'\bpda\b|pocket pc|palm|ipaq|jornada|windows mobile|\bwm\d|symbian|'
-                 r'\bmp3\b|\bmp4\b|walkman|music player|\bipod\b|zune|e-?book|reader'),
+                 r'\bjtag\b|debugger|programmer|\buarts?\b|serial|\bttl\b|rs-?232|usb-serial|'
+                 r'bridge|converter|adapter|controller|sensor|meter|tester|\bwatch\b|forerunner|'
+                 r'fenix|edge \d|nuvi|oregon|etrex|\bgarmin\b|fitness|scale|medical|u-boot|'
+                 r'\bl4t\b'),
 ]
 # Names that say "a phone, a tablet or one of their USB modes".
 PHONE = (r'android|phone|tablet|\btab\b|\bpad\b|\bmtp\b|\badb\b|fastboot|galaxy|nexus|pixel|'
@@ -86,6 +96,14 @@ OVERRIDES = {
     ('2833', '0137'): 'phone',   # Oculus "Quest Headset": an Android device, not an audio headset
     ('04c5', '200f'): 'camera',  # Fujitsu "Sigma DP2 (Mass Storage)": a camera, not a handset
     ('04c5', '2010'): 'camera',  # Fujitsu "Sigma DP2 (PictBridge)"
+    ('12d1', '1004'): 'modem',   # Huawei "E220 (bis)": its E-series USB modems by model alone
+    ('12d1', '1406'): 'modem',   # Huawei "E1750"
+    ('12d1', '140c'): 'modem',   # Huawei "E180v"
+    ('12d1', '1412'): 'modem',   # Huawei "EC168c"
+    ('12d1', '14ac'): 'modem',   # Huawei "E815"
+    ('19d2', '0037'): 'modem',   # ZTE "ONDA MC503HSA"
+    ('8087', '0a9e'): 'computer',  # Intel "Edison" compute module
+    ('04c5', '10fe'): 'printer',   # Fujitsu "S500", a ScanSnap scanner
 }
 
 
