@@ -97,18 +97,6 @@ TEST_F(PollThroughServer, AKilledServerIsReportedWithItsCodeAndTheRecoveryFollow
   EXPECT_EQ(3u, reports::All().size());
 }
 
-TEST_F(PollThroughServer, AServerThatFailsWithNothingElseChangingIsReportedOnceAsASnapshot) {
-  watcher_.Plug(UsbDevice("USBONLY", 1256, 1));
-  AndListenerEx listener(reports::Collect, {&watcher_, 50ms});
-  ASSERT_EQ(0, listener.StartListen());
-  EXPECT_EQ((Strings{"usbonly:NotConnect->MtpConnect"}), Next());
-  server_.React("host:devices", sim_adb::Reaction::Fail("internal error"));
-  EXPECT_EQ((Strings{"usbonly:MtpConnect->MtpConnect"}), Next());
-  EXPECT_EQ(TARNWELL_ERR_SERVER_FAIL, CodeOfLastReport());
-  std::this_thread::sleep_for(300ms);
-  EXPECT_EQ(2u, reports::All().size()) << "the same failure is not reported again";
-}
-
 TEST_F(PollThroughServer, EveryAdbStateMeansWhatItSaysAndSerialsStayWhole) {
   const std::string wireless = "adb-R58M30ABCDE-AbC123._adb-tls-connect._tcp";
   const std::map<std::string, std::string> model = {{"ro.product.model", "Phone X"}};
