@@ -318,24 +318,6 @@ TEST_F(Watcher, DeviceRejectedAfterAnAdbErrorIsNotRecordedAndNotAskedAgain) {
   EXPECT_EQ(AdbManufacturerCalls(), 1) << "a passed-over device is not looked at again";
 }
 
-TEST_F(Watcher, WhiteListedAndListAcceptedDevicesNeverReachAdb) {
-  AdbFailsWith(7);
-  Start();
-  Plug(Phone("white", kAndroidVid, kWhitePid));
-  Plug(Phone("plain", kAndroidVid, kPlainPid));
-  EXPECT_EQ(Table().size(), 2u);
-  EXPECT_EQ(AdbManufacturerCalls(), 0);
-  EXPECT_TRUE(log_capture::Lines().empty());
-}
-
-TEST_F(Watcher, BlackListedDeviceIsRecordedWhenAdbNamesItsManufacturer) {
-  ManufacturerAnswer("Acme");
-  Start();
-  Plug(Phone("known", kAndroidVid, kBlackPid));
-  EXPECT_EQ(Table().count("known"), 1u);
-  EXPECT_EQ(AdbManufacturerCalls(), 1);
-}
-
 TEST_F(Watcher, StartStopAndRestart) {
   world_->attached = {Phone("early")};
   Start();

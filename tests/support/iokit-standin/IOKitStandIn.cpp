@@ -70,16 +70,14 @@ using iokit_standin::Device;
 constexpr IOReturn kPipeStalled = static_cast<IOReturn>(0xE000404F);  // kIOUSBPipeStalled
 
 // COM objects: the table pointer comes first, so that the object's address is the T** handed out.
-struct PlugInObject {
-  const IOCFPlugInInterface* table;
+template <typename Table>
+struct ComObject {
+  const Table* table;
   int refs;
   Device device;
 };
-struct DeviceObject {
-  const IOUSBDeviceInterface942* table;
-  int refs;
-  Device device;
-};
+using PlugInObject = ComObject<IOCFPlugInInterface>;
+using DeviceObject = ComObject<IOUSBDeviceInterface942>;
 
 struct Object {
   enum Kind { kService, kIterator, kInterest };
@@ -88,7 +86,6 @@ struct Object {
   Device device;                // kService, and the device a kInterest is about
   std::deque<Device> pending;   // kIterator
   bool armed = false;           // kIterator: drained since the last announcement
-  IONotificationPortRef port = nullptr;
   IOServiceMatchingCallback added = nullptr;
   IOServiceInterestCallback interest = nullptr;
   void* refCon = nullptr;
@@ -114,6 +111,12 @@ struct State {
 // Never destroyed: a watcher thread may outlive the tests' statics.
 State& g = *new State;
 
+// A call the real framework would answer with a crash, or worse.
+[[noreturn]] void Misuse(const char* what) {
+  std::fprintf(stderr, "iokit stand-in: %s\n", what);
+  std::abort();
+}
+
 bool SameUuid(const CFUUIDBytes& a, CFUUIDRef b) { return std::memcmp(&a, &b->bytes, sizeof a) == 0; }
 
 io_object_t AddObject(Object object) {
@@ -124,10 +127,7 @@ io_object_t AddObject(Object object) {
 
 Object* Find(io_object_t handle, Object::Kind kind) {
   const auto found = g.objects.find(handle);
-  if (found == g.objects.end() || found->second.kind != kind) {
-    std::fprintf(stderr, "iokit stand-in: handle %u is not what the call needs\n", handle);
-    std::abort();
-  }
+  if (found == g.objects.end() || found->second.kind != kind) Misuse("a handle that is not what the call needs");
   return &found->second;
 }
 
@@ -182,25 +182,16 @@ const IOUSBDeviceInterface942 kDeviceTable = [] {
   table.QueryInterface = NoInterface;
   table.AddRef = AddRef<DeviceObject>;
   table.Release = Release<DeviceObject>;
-  table.GetDeviceVendor = [](void* self, UInt16* vid) -> IOReturn {
-    *vid = DeviceOf(self).vid;
-    return kIOReturnSuccess;
+  table.GetDeviceVendor = [](void* self, UInt16* vid) { return *vid = DeviceOf(self).vid, kIOReturnSuccess; };
+  table.GetDeviceProduct = [](void* self, UInt16* pid) { return *pid = DeviceOf(self).pid, kIOReturnSuccess; };
+  table.USBGetManufacturerStringIndex = [](void* self, UInt8* index) {
+    return *index = DeviceOf(self).manufacturer_index, kIOReturnSuccess;
   };
-  table.GetDeviceProduct = [](void* self, UInt16* pid) -> IOReturn {
-    *pid = DeviceOf(self).pid;
-    return kIOReturnSuccess;
+  table.USBGetProductStringIndex = [](void* self, UInt8* index) {
+    return *index = DeviceOf(self).product_index, kIOReturnSuccess;
   };
-  table.USBGetManufacturerStringIndex = [](void* self, UInt8* index) -> IOReturn {
-    *index = DeviceOf(self).manufacturer_index;
-    return kIOReturnSuccess;
-  };
-  table.USBGetProductStringIndex = [](void* self, UInt8* index) -> IOReturn {
-    *index = DeviceOf(self).product_index;
-    return kIOReturnSuccess;
-  };
-  table.GetNumberOfConfigurations = [](void* self, UInt8* count) -> IOReturn {
-    *count = DeviceOf(self).configuration.empty() ? 0 : 1;
-    return kIOReturnSuccess;
+  table.GetNumberOfConfigurations = [](void* self, UInt8* count) {
+    return *count = DeviceOf(self).configuration.empty() ? 0 : 1, kIOReturnSuccess;
   };
   table.GetConfigurationDescriptorPtr = [](void* self, UInt8 index,
                                            IOUSBConfigurationDescriptorPtr* out) -> IOReturn {
@@ -269,10 +260,7 @@ const CFAllocatorRef kCFAllocatorDefault = nullptr;
 const CFRunLoopMode kCFRunLoopDefaultMode = new __CFString("kCFRunLoopDefaultMode", true);
 
 void CFRelease(CFTypeRef ref) {
-  if (ref == nullptr) {
-    std::fprintf(stderr, "iokit stand-in: CFRelease(NULL) crashes on a Mac\n");
-    std::abort();
-  }
+  if (ref == nullptr) Misuse("CFRelease(NULL)");
   std::lock_guard<std::mutex> lock(g.mutex);
   ReleaseLocked(ref);
 }
@@ -281,10 +269,7 @@ CFTypeID CFGetTypeID(CFTypeRef ref) { return static_cast<const CFObject*>(ref)->
 CFTypeID CFStringGetTypeID(void) { return 1; }
 
 Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex size, CFStringEncoding encoding) {
-  if (string->type != CFStringGetTypeID()) {
-    std::fprintf(stderr, "iokit stand-in: CFStringGetCString on something else than a text\n");
-    std::abort();
-  }
+  if (string->type != CFStringGetTypeID()) Misuse("CFStringGetCString on something else than a text");
   if (encoding != kCFStringEncodingUTF8 || string->text.size() + 1 > static_cast<size_t>(size)) return false;
   std::memcpy(buffer, string->text.c_str(), string->text.size() + 1);
   return true;
@@ -476,7 +461,7 @@ CFMutableDictionaryRef IOServiceMatching(const char* name) {
   return new __CFDictionary(name);
 }
 
-kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef port, const io_name_t type,
+kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef, const io_name_t type,
                                                CFDictionaryRef matching, IOServiceMatchingCallback callback,
                                                void* refCon, io_iterator_t* notification) {
   std::lock_guard<std::mutex> lock(g.mutex);
@@ -486,14 +471,13 @@ kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef port, const
   if (g.world != nullptr && g.world->add_matching_result != 0) return g.world->add_matching_result;
   Object it(Object::kIterator);
   if (g.world != nullptr) it.pending.assign(g.world->attached.begin(), g.world->attached.end());
-  it.port = port;
   it.added = callback;
   it.refCon = refCon;
   *notification = AddObject(std::move(it));
   return KERN_SUCCESS;
 }
 
-kern_return_t IOServiceAddInterestNotification(IONotificationPortRef port, io_service_t service,
+kern_return_t IOServiceAddInterestNotification(IONotificationPortRef, io_service_t service,
                                                const io_name_t type, IOServiceInterestCallback callback,
                                                void* refCon, io_object_t* notification) {
   std::lock_guard<std::mutex> lock(g.mutex);
@@ -501,7 +485,6 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef port, io_se
   if (std::strcmp(type, kIOGeneralInterest) != 0) return kIOReturnUnsupported;
   if (device.interest_result != 0) return device.interest_result;
   Object registration(Object::kInterest, device);
-  registration.port = port;
   registration.interest = callback;
   registration.refCon = refCon;
   *notification = AddObject(std::move(registration));
