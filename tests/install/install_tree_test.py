@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Installs the build into a temporary prefix, then builds the example host against the installed
 tree out of the source tree, once through find_package(Pelmora) and once through pkg-config, and
-runs both (and the installed monitor) against a private ADB server."""
+runs both, and the installed monitor, against a private ADB server with a simulated phone."""
 
 import argparse
 import os
@@ -13,6 +13,8 @@ import tempfile
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
 from pelmora_test_adb import PrivateAdb, SimPhone, expect, run  # noqa: E402
 
+MODEL = "Install Test Phone"
+
 
 def check_installed_tree(prefix, libdir):
     lib = os.path.join(prefix, libdir)
@@ -20,16 +22,14 @@ def check_installed_tree(prefix, libdir):
                          ("Tarnwell", "libTarnwell.so.1")):
         path = os.path.join(lib, "lib%s.so" % name)
         expect(os.path.islink(path), "no development link " + path)
-        dynamic = run(["readelf", "-d", path]).stdout
-        expect("[%s]" % soname in dynamic, "%s has no SONAME %s" % (path, soname))
+        expect("[%s]" % soname in run(["readelf", "-d", path]).stdout, "%s: no SONAME %s" % (path, soname))
     exported = run(["nm", "-D", "--defined-only", os.path.join(lib, "libPelmora.so")]).stdout
     symbols = sorted(line.split()[-1] for line in exported.splitlines() if " T " in line)
-    expect(symbols == sorted(["InitPelmora", "StartAdbServer", "StartListenAndroidDevice",
-                              "StopListenAndroidDevice"]), "libPelmora exports %s" % symbols)
+    expect(symbols == ["InitPelmora", "StartAdbServer", "StartListenAndroidDevice",
+                       "StopListenAndroidDevice"], "libPelmora exports %s" % symbols)
     for relative in ("include/Pelmora.h", "include/Quenwick.h", "include/Tarnwell.h",
                      "share/pelmora/udev/51-pelmora-android.rules",
-                     libdir + "/cmake/Pelmora/PelmoraConfig.cmake",
-                     libdir + "/pkgconfig/pelmora.pc"):
+                     libdir + "/cmake/Pelmora/PelmoraConfig.cmake", libdir + "/pkgconfig/pelmora.pc"):
         expect(os.path.isfile(os.path.join(prefix, relative)), "not installed: " + relative)
     config = os.path.join(prefix, "share/pelmora/config")
     expect(sorted(os.listdir(config)) == ["AndroidPIDBlack.ini", "AndroidPIDWhite.ini",
@@ -43,75 +43,52 @@ def build_examples(source_dir, prefix, libdir, work):
     build = os.path.join(work, "example-cmake")
     run(["cmake", "-S", examples, "-B", build, "-DCMAKE_PREFIX_PATH=" + prefix])
     run(["cmake", "--build", build])
-    by_cmake = os.path.join(build, "pelmora-example-host")
-
     env = dict(os.environ, PKG_CONFIG_PATH=os.path.join(prefix, libdir, "pkgconfig"))
     flags = run(["pkg-config", "--cflags", "--libs", "pelmora"], env=env).stdout.split()
     rpath = run(["pkg-config", "--variable=libdir", "pelmora"], env=env).stdout.strip()
     by_pkg_config = os.path.join(work, "example-pkg-config")
-    run(["cc", os.path.join(examples, "host.c")] + flags +
-        ["-Wl,-rpath," + rpath, "-o", by_pkg_config])
-    return by_cmake, by_pkg_config
-
-
-def run_host(program, config, work, adb, seconds):
-    resources = os.path.join(work, "resources")
-    logs = os.path.join(work, "logs-" + os.path.basename(program))
-    os.makedirs(resources, exist_ok=True)
-    os.makedirs(logs, exist_ok=True)
-    result = run([program, config, resources, logs, str(seconds)], env=adb.env,
-                 timeout=seconds + 30)
-    with open(os.path.join(logs, "Pelmora.log"), errors="replace") as log:
-        expect("Pelmora verion" in log.read(), "no version line in the log of " + program)
-    return result.stdout
+    run(["cc", os.path.join(examples, "host.c")] + flags + ["-Wl,-rpath," + rpath, "-o", by_pkg_config])
+    return os.path.join(build, "pelmora-example-host"), by_pkg_config
 
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--build-dir", required=True)
-    parser.add_argument("--source-dir", required=True)
-    parser.add_argument("--libdir", required=True)
-    parser.add_argument("--sim-phone", default="")
+    for option in ("--build-dir", "--source-dir", "--libdir", "--sim-phone"):
+        parser.add_argument(option, required=True)
     args = parser.parse_args()
 
     work = tempfile.mkdtemp(prefix="pelmora-install-")
-    adb = None
+    adb = PrivateAdb(work)
     phone = None
     try:
         prefix = os.path.join(work, "prefix")
         run(["cmake", "--install", args.build_dir, "--prefix", prefix])
         config = check_installed_tree(prefix, args.libdir)
-        hosts = build_examples(args.source_dir, prefix, args.libdir, work)
-
-        adb = PrivateAdb(work)
+        resources = os.path.join(work, "resources")
+        os.makedirs(resources)
         adb.start()
-        model = "Install Test Phone"
-        if args.sim_phone:
-            phone = SimPhone(args.sim_phone, adb, model)
-        for host in hosts:
-            output = run_host(host, config, work, adb, 4 if phone else 1)
-            if phone:
-                expect(any('"AuthoredConnect"' in r and model in r for r in output.split("}")),
-                       "%s did not report the phone as authorised:\n%s" % (host, output))
+        phone = SimPhone(args.sim_phone, adb, MODEL)
+        for host in build_examples(args.source_dir, prefix, args.libdir, work):
+            logs = os.path.join(work, "logs-" + os.path.basename(host))
+            os.makedirs(logs)
+            output = run([host, config, resources, logs, "4"], env=adb.env, timeout=34).stdout
+            with open(os.path.join(logs, "Pelmora.log"), errors="replace") as log:
+                expect("Pelmora verion" in log.read(), "no version line in the log of " + host)
+            expect(any('"AuthoredConnect"' in r and MODEL in r for r in output.split("}")),
+                   "%s did not report the phone as authorised:\n%s" % (host, output))
 
         monitor = os.path.join(prefix, "bin", "pelmora-monitor")
-        if os.path.exists(monitor):
-            version = run([monitor, "--version"]).stdout
-            expect(re.search(r"libPelmora \S+", version), "monitor --version: " + version)
-            # No --config: the installed monitor finds the configuration beside it.
-            once = run([monitor, "--once", "--json", "--wait", "3",
-                        "--resources", os.path.join(work, "resources"),
-                        "--log-dir", os.path.join(work, "monitor-logs")], env=adb.env)
-            if phone:
-                expect('"AuthoredConnect"' in once.stdout, "monitor --once: " + once.stdout)
-            else:
-                expect("no Android device" in once.stderr, "monitor --once: " + once.stderr)
-        print("install tree: ok (%s)" % ("with a simulated phone" if phone else "no phone"))
+        version = run([monitor, "--version"]).stdout
+        expect(re.search(r"libPelmora \S+", version), "monitor --version: " + version)
+        # No --config: the installed monitor finds the configuration beside it.
+        once = run([monitor, "--once", "--json", "--wait", "3", "--resources", resources,
+                    "--log-dir", os.path.join(work, "monitor-logs")], env=adb.env)
+        expect('"AuthoredConnect"' in once.stdout, "monitor --once: " + once.stdout)
+        print("install tree: ok")
     finally:
         if phone:
             phone.stop()
-        if adb:
-            adb.kill()
+        adb.kill()
         shutil.rmtree(work, ignore_errors=True)
 
 
