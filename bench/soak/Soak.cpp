@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <sstream>
 #include <string>
@@ -111,6 +112,11 @@ int Soak(int cycles) {
   testbed.SendUevent(syspath, "remove");  // each cycle starts with the phone out
 
   ListenDeviceChange* watcher = GetListenDeviceChangeMacInstance();
+  // The watcher thread reads the testbed: it ends after the listener and before the testbed.
+  struct StopWatcherAtEnd {
+    ListenDeviceChange* watcher;
+    ~StopWatcherAtEnd() { watcher->StopListen(); }
+  } stop_watcher_at_end{watcher};
   AndListenerEx listener(OnReport, {watcher, kPollPause});
   if (listener.StartListen() != 0) {
     std::fprintf(stderr, "soak: the listener did not start\n");
@@ -123,21 +129,21 @@ int Soak(int cycles) {
   const auto start = Clock::now();
   for (int cycle = 0; cycle < cycles; ++cycle) {
     const AdbState& adb = kAdbStates[cycle % 3];
-    const std::string mtp = std::string(kKey) + ":";
+    const std::string key = std::string(kKey) + ":";
     const struct {
       std::function<void()> act;
       std::string expected;
     } steps[] = {
-        {[&] { testbed.SendUevent(syspath, "add"); }, mtp + "NotConnect->MtpConnect"},
+        {[&] { testbed.SendUevent(syspath, "add"); }, key + "NotConnect->MtpConnect"},
         {[&] {
            server.SetDevices({{"SOAKPHONE01", adb.adb_state,
                                {{"ro.build.version.release", "14"},
                                 {"ro.product.manufacturer", "Acme"},
                                 {"ro.product.model", "Soak Phone"}}}});
          },
-         mtp + "MtpConnect->" + adb.status},
-        {[&] { server.SetDevices({}); }, mtp + adb.status + "->MtpConnect"},
-        {[&] { testbed.SendUevent(syspath, "remove"); }, mtp + "MtpConnect->NotConnect"},
+         key + "MtpConnect->" + adb.status},
+        {[&] { server.SetDevices({}); }, key + adb.status + "->MtpConnect"},
+        {[&] { testbed.SendUevent(syspath, "remove"); }, key + "MtpConnect->NotConnect"},
     };
     for (const auto& step : steps) {
       step.act();
