@@ -61,20 +61,10 @@ Strings MovesOf(const std::string& key, size_t count) {
   return moves;
 }
 
-SimulatedUsbDevice Device(int number, const std::string& serial, uint16_t vid, uint16_t pid) {
-  SimulatedUsbDevice device;
-  device.number = number;
-  device.serial = serial;
-  device.vid = vid;
-  device.pid = pid;
-  return device;
-}
-
 TEST(UsbToAdb, AUsbPhoneAndItsAdbSideMergeUnderOneKeyThroughTheExportedFunctions) {
   ASSERT_TRUE(UmockdevPreloaded()) << "run with LD_PRELOAD=libumockdev-preload.so.0";
-  // The adb processes started from here must see the machine's own /sys and /dev, not the
-  // testbed's: they do not inherit the preload. Done while this process has one thread, before
-  // anything in the library touches libudev.
+  // The adb processes started from here must see the machine's /sys and /dev, not the testbed's.
+  // Done while this process has one thread, before anything in the library touches libudev.
   ::unsetenv("LD_PRELOAD");
   UsbTestbed testbed;
   void* library = dlopen(PELMORA_LIBRARY, RTLD_NOW | RTLD_LOCAL);
@@ -88,7 +78,7 @@ TEST(UsbToAdb, AUsbPhoneAndItsAdbSideMergeUnderOneKeyThroughTheExportedFunctions
 
   TempDir root;
   const std::string config = root.path();
-  std::ofstream(config + "/AndroidVID.ini") << "Google=6353\nSamsung=1256\n";
+  std::ofstream(config + "/AndroidVID.ini") << "Google=6353\n";
   for (const char* name : {"AndroidPIDBlack.ini", "AndroidPIDWhite.ini", "iManufactureAndiProduct.ini"}) {
     std::ofstream(config + "/" + name);
   }
@@ -96,7 +86,6 @@ TEST(UsbToAdb, AUsbPhoneAndItsAdbSideMergeUnderOneKeyThroughTheExportedFunctions
   server.ApplyToThisProcess();
   ASSERT_EQ(0, init(config.c_str(), config.c_str(), (config + "/logs").c_str()));
   ASSERT_EQ(0, start_adb(false)) << "starts the private server on its port";
-
   ASSERT_EQ(0, start(HostCallback));
 
   // Plugged with USB debugging off; its strings come by control transfer on its device node.
@@ -106,7 +95,11 @@ TEST(UsbToAdb, AUsbPhoneAndItsAdbSideMergeUnderOneKeyThroughTheExportedFunctions
   properties.android_version = "14";
   sim_phone::SimPhone phone(properties);  // listening, not attached to adb yet
   const std::string key = phone.serial();  // "127.0.0.1:<port>", already lower case
-  SimulatedUsbDevice pixel = Device(5, key, 6353, 0x4ee1);
+  SimulatedUsbDevice pixel;
+  pixel.number = 5;
+  pixel.serial = key;
+  pixel.vid = 6353;
+  pixel.pid = 0x4ee1;
   pixel.has_node = true;
   pixel.strings = {{1, u"Google"}, {2, u"Pixel 8"}};
   const std::string pixel_path = testbed.Plug(pixel);

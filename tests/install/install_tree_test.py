@@ -13,8 +13,6 @@ import tempfile
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
 from pelmora_test_adb import PrivateAdb, SimPhone, expect, run  # noqa: E402
 
-MODEL = "Install Test Phone"
-
 
 def check_installed_tree(prefix, libdir):
     lib = os.path.join(prefix, libdir)
@@ -67,14 +65,14 @@ def main():
         resources = os.path.join(work, "resources")
         os.makedirs(resources)
         adb.start()
-        phone = SimPhone(args.sim_phone, adb, MODEL)
+        phone = SimPhone(args.sim_phone, adb, "Install Test Phone")
         for host in build_examples(args.source_dir, prefix, args.libdir, work):
             logs = os.path.join(work, "logs-" + os.path.basename(host))
             os.makedirs(logs)
             output = run([host, config, resources, logs, "4"], env=adb.env, timeout=34).stdout
             with open(os.path.join(logs, "Pelmora.log"), errors="replace") as log:
                 expect("Pelmora verion" in log.read(), "no version line in the log of " + host)
-            expect(any('"AuthoredConnect"' in r and MODEL in r for r in output.split("}")),
+            expect(any('"AuthoredConnect"' in r and "Install Test Phone" in r for r in output.split("}")),
                    "%s did not report the phone as authorised:\n%s" % (host, output))
 
         monitor = os.path.join(prefix, "bin", "pelmora-monitor")

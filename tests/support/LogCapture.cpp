@@ -12,19 +12,18 @@ std::mutex g_mutex;
 std::vector<log_capture::Line> g_lines;
 std::vector<std::string> g_init_calls;
 
-std::string Format(const char* format, va_list args) {
+// Formats and keeps one line; a null format is refused as the real library refuses it.
+int Add(bool has_category, const char* category, int level, const char* format, va_list args) {
+  if (format == nullptr) return QUENWICK_ERR_BAD_ARGUMENT;
   va_list copy;
   va_copy(copy, args);
   const int size = std::vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
   std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
   if (size > 0) std::vsnprintf(text.data(), text.size() + 1, format, args);
-  return text;
-}
-
-void Add(log_capture::Line line) {
   std::lock_guard<std::mutex> lock(g_mutex);
-  g_lines.push_back(std::move(line));
+  g_lines.push_back({has_category, category ? category : "", level, std::move(text)});
+  return 0;
 }
 
 }  // namespace
@@ -69,19 +68,17 @@ extern "C" int InitLogEx(const char* config, const char* category, const char* p
 }
 
 extern "C" int LogEx(const char* category, int level, const char* format, ...) {
-  if (format == nullptr) return QUENWICK_ERR_BAD_ARGUMENT;
   va_list args;
   va_start(args, format);
-  Add({true, category ? category : "", level, Format(format, args)});
+  const int ret = Add(true, category, level, format, args);
   va_end(args);
-  return 0;
+  return ret;
 }
 
 extern "C" int Log(int level, const char* format, ...) {
-  if (format == nullptr) return QUENWICK_ERR_BAD_ARGUMENT;
   va_list args;
   va_start(args, format);
-  Add({false, "", level, Format(format, args)});
+  const int ret = Add(false, nullptr, level, format, args);
   va_end(args);
-  return 0;
+  return ret;
 }
