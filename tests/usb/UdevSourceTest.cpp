@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <functional>
 #include <thread>
 
@@ -18,6 +17,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using Change = std::function<void(SimulatedUsbDevice&)>;
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -28,7 +28,7 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds l
   return true;
 }
 
-SimulatedUsbDevice Phone(int number, const std::string& serial) {
+SimulatedUsbDevice Phone(int number, const std::string& serial, const Change& change = nullptr) {
   SimulatedUsbDevice device;
   device.number = number;
   device.serial = serial;
@@ -36,6 +36,7 @@ SimulatedUsbDevice Phone(int number, const std::string& serial) {
   device.pid = kPlainPid;
   device.sysfs_manufacturer = "Acme";
   device.sysfs_product = "Phone " + serial;
+  if (change) change(device);
   return device;
 }
 
@@ -66,183 +67,134 @@ class UdevSource : public ::testing::Test {
   DeviceModleInfo Entry(const std::string& key) { return watcher_->CopyUSBDeviceMap().at(key); }
   // Plugs a device the watcher records and waits for its entry: every event sent before it has
   // been handled then, since events are handled in order.
-  void PlugAndWait(const SimulatedUsbDevice& device) {
-    testbed_->Plug(device);
-    ASSERT_TRUE(WaitFor([&] { return Has(*device.serial); })) << *device.serial;
+  std::string PlugAndWait(const SimulatedUsbDevice& device) {
+    const std::string syspath = testbed_->Plug(device);
+    EXPECT_TRUE(WaitFor([&] { return Has(*device.serial); })) << *device.serial;
+    return syspath;
   }
 
   std::unique_ptr<UsbTestbed> testbed_;
   ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
-TEST_F(UdevSource, DevicesAttachedBeforeTheStartAreInTheTableAfterTheInitialDrain) {
+TEST_F(UdevSource, AttachedAddedRemovedAndSeenAgainAfterARestart) {
+  const Change no_serial = [](SimulatedUsbDevice& d) { d.serial.reset(); };
   testbed_->Plug(Phone(2, "early-one"));
-  SimulatedUsbDevice no_serial = Phone(3, "unused");
-  no_serial.serial.reset();
-  testbed_->Plug(no_serial);
+  testbed_->Plug(Phone(3, "unused", no_serial));
   testbed_->Plug(Phone(4, "EARLY-TWO"));
   Start();
-  const auto table = watcher_->CopyUSBDeviceMap();
+  auto table = watcher_->CopyUSBDeviceMap();
   ASSERT_EQ(table.size(), 2u);
   EXPECT_EQ(table.at("early-two").serial, "EARLY-TWO");
   EXPECT_EQ(table.at("early-one").vid, kAndroidVid);
   EXPECT_EQ(table.at("early-one").pid, kPlainPid);
-}
 
-TEST_F(UdevSource, AddEventEntersADeviceAndRemoveEventTakesItOut) {
-  Start();
-  SimulatedUsbDevice no_serial = Phone(5, "unused");
-  no_serial.serial.reset();
-  testbed_->Plug(no_serial);
-  const std::string one = testbed_->Plug(Phone(6, "one"));
-  ASSERT_TRUE(WaitFor([&] { return Has("one"); }));
+  testbed_->Plug(Phone(5, "unused", no_serial));
+  const std::string one = PlugAndWait(Phone(6, "one"));
   PlugAndWait(Phone(7, "two"));
-  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the device without serial left no trace";
-
+  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 4u) << "the devices without serial left no trace";
   testbed_->Unplug(one);
   ASSERT_TRUE(WaitFor([&] { return !Has("one"); }));
-  EXPECT_TRUE(Has("two"));
+
+  watcher_->StopListen();
+  EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty());
+  Start();
+  table = watcher_->CopyUSBDeviceMap();
+  EXPECT_EQ(table.size(), 3u) << "the devices still attached, again";
+  EXPECT_EQ(table.count("two"), 1u);
+  PlugAndWait(Phone(8, "after"));
 }
 
-TEST_F(UdevSource, StringsComeFromSysfsAndARefusedTransferFallsBackToIt) {
-  SimulatedUsbDevice no_node = Phone(8, "no-node");
-  no_node.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9";  // UTF-8 é twice
-  no_node.sysfs_product = "\xE4\xB8\xAD-Phone";          // a CJK character
-  // The node of a desktop without udev rules: 0664, and usbfs refuses a read-only descriptor.
-  SimulatedUsbDevice read_only = Phone(19, "read-only");
-  read_only.sysfs_product = "Pixel\xC3\xA9 X";
-  read_only.has_node = true;
-  read_only.fail_with_errno = EPERM;
-  SimulatedUsbDevice half = Phone(20, "half");  // sysfs lacks the product: one transfer, refused
-  half.sysfs_product.reset();
-  half.has_node = true;
-  half.fail_with_errno = EPERM;
+// Each device names where its strings came from once; only strings sysfs lacks go to the node,
+// and a node this host may not use (EPERM: 0664 without udev rules) sends the rest to sysfs.
+TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
+  const auto node = [](std::map<uint8_t, std::u16string> strings, int error = 0) {
+    return [=](SimulatedUsbDevice& d) {
+      d.has_node = true;
+      d.strings = strings;
+      d.fail_with_errno = error;
+    };
+  };
+  const struct {
+    SimulatedUsbDevice device;
+    std::string manufacturer, product;
+    size_t transfers;
+    std::string way;
+  } cases[] = {
+      {Phone(8, "no-node", [](SimulatedUsbDevice& d) {
+         d.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9"; d.sysfs_product = "\xE4\xB8\xAD-Phone";
+       }), "Soci\xE9t\xE9", "?-Phone", 0, "taken from sysfs"},
+      {Phone(9, "read-only", [&](SimulatedUsbDevice& d) { node({}, EPERM)(d); d.sysfs_product = "Pixel\xC3\xA9 X"; }),
+       "Acme", "Pixel\xE9 X", 0, "taken from sysfs"},
+      {Phone(10, "half", [&](SimulatedUsbDevice& d) { node({}, EPERM)(d); d.sysfs_product.reset(); }),
+       "Acme", "", 1, "read by control transfer"},
+      {Phone(11, "zero-sysfs", [](SimulatedUsbDevice& d) { d.manufacturer_index = 0; d.sysfs_manufacturer.reset(); }),
+       "?", "Phone zero-sysfs", 0, "taken from sysfs"},
+      {Phone(12, "zero-node", [&](SimulatedUsbDevice& d) {
+         node({{2, u"Node"}})(d); d.manufacturer_index = 0; d.sysfs_product.reset();
+       }), "?", "Node", 1, "read by control transfer"},
+      {Phone(13, "node", [&](SimulatedUsbDevice& d) {
+         node({{1, u"Acm\u00e9"}, {2, u"\u4e2d Phone"}})(d); d.sysfs_manufacturer.reset(); d.sysfs_product.reset();
+       }), "Acm\xE9", "? Phone", 2, "read by control transfer"},
+      {Phone(14, "stalls", [&](SimulatedUsbDevice& d) {
+         node({{1, u"Only"}})(d); d.sysfs_manufacturer.reset(); d.sysfs_product.reset();
+       }), "Only", "", 2, "read by control transfer"},
+      {Phone(15, "gone", [&](SimulatedUsbDevice& d) { node({}, ENODEV)(d); d.sysfs_manufacturer.reset(); }),
+       "", "Phone gone", 1, "read by control transfer"},
+  };
   Start();
-  PlugAndWait(no_node);
-  PlugAndWait(read_only);
-  PlugAndWait(half);
-  EXPECT_EQ(Entry("no-node").manufacturer, "Soci\xE9t\xE9") << "Latin-1 characters as one byte";
-  EXPECT_EQ(Entry("no-node").product, "?-Phone");
-  EXPECT_EQ(Entry("read-only").manufacturer, "Acme");
+  for (const auto& c : cases) {
+    const size_t before = testbed_->Transfers().size();
+    const std::string syspath = PlugAndWait(c.device);
+    EXPECT_EQ(Entry(*c.device.serial).manufacturer, c.manufacturer) << syspath;
+    EXPECT_EQ(Entry(*c.device.serial).product, c.product) << syspath;
+    EXPECT_EQ(testbed_->Transfers().size() - before, c.transfers) << syspath;
+    EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + c.way), 1) << syspath;
+  }
   EXPECT_EQ(Latin1FallbackUtf8(Entry("read-only").product), "Pixel\xC3\xA9 X") << "valid UTF-8 again";
-  EXPECT_EQ(Entry("half").manufacturer, "Acme");
-  EXPECT_EQ(Entry("half").product, "");
-  EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 2) << "once per device";
-  EXPECT_EQ(log_capture::CountContaining("strings read by control transfer"), 1);
+  EXPECT_EQ(log_capture::CountContaining(": strings "), 8) << "one line per device";
   EXPECT_EQ(log_capture::CountContaining("refused (Operation not permitted); sysfs answers the rest"), 1);
-  EXPECT_EQ(testbed_->Transfers().size(), 1u) << "only the string sysfs lacks goes to the device";
+  for (const UsbTestbed::Transfer& t : testbed_->Transfers()) {
+    EXPECT_EQ(t.wValue >> 8, 3);
+    EXPECT_EQ(t.wIndex, 0x0409);
+    EXPECT_EQ(t.wLength, 256);
+  }
 }
 
-TEST_F(UdevSource, ManufacturerIndexZeroReadsTheLanguageTableFromEitherPath) {
-  SimulatedUsbDevice from_sysfs = Phone(9, "zero-sysfs");
-  from_sysfs.manufacturer_index = 0;
-  from_sysfs.sysfs_manufacturer.reset();
-  SimulatedUsbDevice from_node = Phone(10, "zero-node");
-  from_node.manufacturer_index = 0;
-  from_node.has_node = true;
-  from_node.sysfs_product.reset();
-  from_node.strings[2] = u"Node";
-  Start();
-  PlugAndWait(from_sysfs);
-  PlugAndWait(from_node);
-  EXPECT_EQ(Entry("zero-sysfs").manufacturer, "?");
-  EXPECT_EQ(Entry("zero-node").manufacturer, "?");
-  EXPECT_EQ(Entry("zero-node").product, "Node");
-}
-
-TEST_F(UdevSource, ControlTransfersOnTheNodeAnswerTheStrings) {
-  SimulatedUsbDevice device = Phone(11, "node");
-  device.has_node = true;
-  device.sysfs_manufacturer.reset();
-  device.sysfs_product.reset();
-  device.strings[1] = u"Acm\u00e9";
-  device.strings[2] = u"\u4e2d Phone";
-  SimulatedUsbDevice stalls = Phone(12, "stalls");
-  stalls.has_node = true;
-  stalls.sysfs_manufacturer.reset();
-  stalls.sysfs_product.reset();
-  stalls.strings[1] = u"Only";  // index 2 stalls
-  SimulatedUsbDevice gone = Phone(13, "gone");
-  gone.has_node = true;
-  gone.sysfs_manufacturer.reset();
-  gone.fail_with_errno = ENODEV;
-  Start();
-  PlugAndWait(device);
-  PlugAndWait(stalls);
-  PlugAndWait(gone);
-
-  EXPECT_EQ(Entry("node").manufacturer, "Acm\xE9");
-  EXPECT_EQ(Entry("node").product, "? Phone");
-  EXPECT_EQ(Entry("stalls").manufacturer, "Only");
-  EXPECT_EQ(Entry("stalls").product, "");
-  EXPECT_EQ(Entry("gone").manufacturer, "") << "a failed transfer gives an empty text";
-  EXPECT_EQ(Entry("gone").product, "Phone gone") << "sysfs still answers what it holds";
-  EXPECT_EQ(log_capture::CountContaining("strings read by control transfer"), 3);
-  EXPECT_EQ(log_capture::CountContaining("strings taken from sysfs"), 0);
-  const auto transfers = testbed_->Transfers();
-  ASSERT_EQ(transfers.size(), 5u);
-  EXPECT_EQ(transfers[0].wValue, 0x0301);
-  EXPECT_EQ(transfers[0].wIndex, 0x0409);
-  EXPECT_EQ(transfers[0].wLength, 256);
-  EXPECT_EQ(transfers[1].wValue, 0x0302);
-}
-
-// Devices of a listed vendor (so that the lists alone would take them) with real interface sets.
-TEST_F(UdevSource, DevicesWithOnlyInterfacesNoPhoneHasArePassedOver) {
+// Devices of a listed vendor (so that the lists alone would take them) with real interface sets,
+// and devices whose descriptors cannot be read.
+TEST_F(UdevSource, DevicesWithOnlyInterfacesNoPhoneHasOrBrokenDescriptorsArePassedOver) {
   const struct {
     const char* serial;
     std::vector<std::array<uint8_t, 3>> interfaces;
+    std::optional<std::vector<unsigned char>> descriptors;
     bool recorded;
   } devices[] = {
-      {"keyboard", {{0x03, 0x01, 0x01}, {0x03, 0x00, 0x00}}, false},
-      {"usb-c-hub", {{0x09, 0x00, 0x01}, {0x09, 0x00, 0x02}}, false},
-      {"laserjet", {{0x07, 0x01, 0x02}}, false},
-      {"card-reader", {{0x0B, 0x00, 0x00}}, false},
-      {"bt-dongle", {{0xE0, 0x01, 0x01}, {0xE0, 0x01, 0x01}, {0xFE, 0x01, 0x01}}, false},
-      {"adb-phone", {{0x06, 0x01, 0x01}, {0xFF, 0x42, 0x01}}, true},
-      {"tethering", {{0xE0, 0x01, 0x03}, {0x0A, 0x00, 0x00}}, true},
-      {"hid-and-mtp", {{0x03, 0x00, 0x00}, {0x06, 0x01, 0x01}}, true},
+      {"keyboard", {{0x03, 0x01, 0x01}, {0x03, 0x00, 0x00}}, std::nullopt, false},
+      {"usb-c-hub", {{0x09, 0x00, 0x01}, {0x09, 0x00, 0x02}}, std::nullopt, false},
+      {"laserjet", {{0x07, 0x01, 0x02}}, std::nullopt, false},
+      {"card-reader", {{0x0B, 0x00, 0x00}}, std::nullopt, false},
+      {"bt-dongle", {{0xE0, 0x01, 0x01}, {0xE0, 0x01, 0x01}, {0xFE, 0x01, 0x01}}, std::nullopt, false},
+      {"adb-phone", {{0x06, 0x01, 0x01}, {0xFF, 0x42, 0x01}}, std::nullopt, true},
+      {"tethering", {{0xE0, 0x01, 0x03}, {0x0A, 0x00, 0x00}}, std::nullopt, true},
+      {"hid-and-mtp", {{0x03, 0x00, 0x00}, {0x06, 0x01, 0x01}}, std::nullopt, true},
+      {"no-descriptors", {}, std::vector<unsigned char>{}, false},
+      {"truncated", {}, std::vector<unsigned char>{18, 1, 0, 2}, false},
   };
   Start();
   int number = 21;
   for (const auto& d : devices) {
     SimulatedUsbDevice device = Phone(number++, d.serial);
     device.interfaces = d.interfaces;
+    device.descriptors = d.descriptors;
     testbed_->Plug(device);
   }
   PlugAndWait(Phone(number, "sentinel"));
   for (const auto& d : devices) EXPECT_EQ(d.recorded, Has(d.serial)) << d.serial;
   EXPECT_EQ(log_capture::CountContaining("no interface a phone has"), 5);
-  EXPECT_TRUE(fake_adb::Calls().empty()) << "the lists and ADB are not asked for them";
-}
-
-TEST_F(UdevSource, BrokenDescriptorsArePassedOverWithTheirLines) {
-  SimulatedUsbDevice missing = Phone(14, "no-descriptors");
-  missing.descriptors = std::vector<unsigned char>{};
-  SimulatedUsbDevice truncated = Phone(15, "truncated");
-  truncated.descriptors = std::vector<unsigned char>{18, 1, 0, 2};
-  Start();
-  testbed_->Plug(missing);
-  testbed_->Plug(truncated);
-  PlugAndWait(Phone(16, "sentinel"));
-  EXPECT_FALSE(Has("no-descriptors"));
-  EXPECT_FALSE(Has("truncated"));
-  char missing_line[64];
-  std::snprintf(missing_line, sizeof missing_line, "IOCreatePlugInInterfaceForService returned 0x%08x.\n",
-                ENOENT);
-  EXPECT_EQ(log_capture::Count(3, missing_line), 1);
+  EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0x00000002.\n"), 1) << "ENOENT";
   EXPECT_EQ(log_capture::Count(1, "no io usb device info"), 1);
-}
-
-TEST_F(UdevSource, StopEndsTheThreadAndARestartSeesTheDevicesAgain) {
-  testbed_->Plug(Phone(17, "stays"));
-  Start();
-  EXPECT_TRUE(Has("stays"));
-  watcher_->StopListen();
-  EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty());
-  Start();
-  EXPECT_TRUE(Has("stays"));
-  PlugAndWait(Phone(18, "after"));
+  EXPECT_TRUE(fake_adb::Calls().empty()) << "the lists and ADB are not asked for them";
 }
 
 }  // namespace

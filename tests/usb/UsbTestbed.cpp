@@ -35,28 +35,8 @@ namespace {
 std::string Hex(const std::vector<unsigned char>& bytes) {
   std::string text;
   char pair[3];
-  for (unsigned char b : bytes) {
-    std::snprintf(pair, sizeof pair, "%02x", b);
-    text += pair;
-  }
+  for (unsigned char b : bytes) text.append(pair, std::snprintf(pair, sizeof pair, "%02x", b));
   return text;
-}
-
-// An attribute value in umockdev's record format: one line, with C escapes.
-std::string Escaped(const std::string& value) {
-  std::string out;
-  char code[5];
-  for (unsigned char c : value) {
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (c < 0x20) {
-      std::snprintf(code, sizeof code, "\\x%02x", c);
-      out += code;
-    } else {
-      out += static_cast<char>(c);
-    }
-  }
-  return out;
 }
 
 std::vector<unsigned char> DeviceDescriptor(const SimulatedUsbDevice& d) {
@@ -85,21 +65,15 @@ std::string NodeName(int number) {
   return name;
 }
 
-std::vector<unsigned char> StringDescriptor(const SimulatedUsbDevice& device, uint8_t index,
-                                            bool* found) {
-  *found = true;
-  if (index == 0) return {4, 3, 0x09, 0x04};
+// Index 0 answers the language table; an index without text has no answer (a stall).
+std::optional<std::vector<unsigned char>> StringDescriptor(const SimulatedUsbDevice& device, uint8_t index) {
+  if (index == 0) return std::vector<unsigned char>{4, 3, 0x09, 0x04};
   const auto text = device.strings.find(index);
-  if (text == device.strings.end()) {
-    *found = false;
-    return {};
-  }
-  std::vector<unsigned char> bytes = {0, 3};
+  if (text == device.strings.end()) return std::nullopt;
+  std::vector<unsigned char> bytes = {static_cast<unsigned char>(2 + 2 * text->second.size()), 3};
   for (char16_t unit : text->second) {
-    bytes.push_back(static_cast<unsigned char>(unit & 0xFF));
-    bytes.push_back(static_cast<unsigned char>(unit >> 8));
+    bytes.insert(bytes.end(), {static_cast<unsigned char>(unit & 0xFF), static_cast<unsigned char>(unit >> 8)});
   }
-  bytes[0] = static_cast<unsigned char>(bytes.size());
   return bytes;
 }
 
@@ -113,19 +87,17 @@ gboolean AnswerControlTransfer(UMockdevIoctlBase*, UMockdevIoctlClient* client, 
   handler->owner->RecordTransfer(transfer);
   const bool is_string_request = transfer.bRequestType == 0x80 && transfer.bRequest == 6 &&
                                  (transfer.wValue >> 8) == 3;
-  bool found = false;
-  const std::vector<unsigned char> answer =
-      StringDescriptor(handler->device, static_cast<uint8_t>(transfer.wValue & 0xFF), &found);
+  const auto answer = StringDescriptor(handler->device, static_cast<uint8_t>(transfer.wValue & 0xFF));
   if (handler->device.fail_with_errno != 0) {
     umockdev_ioctl_client_complete(client, -1, handler->device.fail_with_errno);
-  } else if (!is_string_request || !found) {
+  } else if (!is_string_request || !answer) {
     umockdev_ioctl_client_complete(client, -1, EPIPE);
   } else {
-    const size_t n = std::min<size_t>(answer.size(), transfer.wLength);
+    const size_t n = std::min<size_t>(answer->size(), transfer.wLength);
     UMockdevIoctlData* buffer = umockdev_ioctl_data_resolve(
         setup, offsetof(usbdevfs_ctrltransfer, data), transfer.wLength, nullptr);
     if (buffer != nullptr) {
-      std::memcpy(buffer->data, answer.data(), n);
+      std::memcpy(buffer->data, answer->data(), n);
       g_object_unref(buffer);
     }
     umockdev_ioctl_client_complete(client, buffer != nullptr ? static_cast<glong>(n) : -1,
@@ -179,9 +151,9 @@ std::string UsbTestbed::Plug(const SimulatedUsbDevice& device) {
   record += "E: DEVNAME=/dev/" + node + "\n";
   record += "E: BUSNUM=001\nE: DEVNUM=" + node.substr(node.size() - 3) + "\n";
   record += "A: busnum=1\nA: devnum=" + std::to_string(device.number) + "\n";
-  if (device.serial) record += "A: serial=" + Escaped(*device.serial) + "\n";
-  if (device.sysfs_manufacturer) record += "A: manufacturer=" + Escaped(*device.sysfs_manufacturer) + "\n";
-  if (device.sysfs_product) record += "A: product=" + Escaped(*device.sysfs_product) + "\n";
+  if (device.serial) record += "A: serial=" + *device.serial + "\n";
+  if (device.sysfs_manufacturer) record += "A: manufacturer=" + *device.sysfs_manufacturer + "\n";
+  if (device.sysfs_product) record += "A: product=" + *device.sysfs_product + "\n";
   const std::vector<unsigned char> descriptors = device.descriptors.value_or(DeviceDescriptor(device));
   if (!descriptors.empty()) record += "H: descriptors=" + Hex(descriptors) + "\n";
   GError* error = nullptr;

@@ -33,8 +33,7 @@ static_assert(sizeof(IOUSBDevRequestTO) == 32 && offsetof(IOUSBDevRequestTO, pDa
               offsetof(IOUSBDevRequestTO, completionTimeout) == 24, "IOUSBDevRequestTO layout");
 static_assert(sizeof(CFUUIDBytes) == 16 && sizeof(io_object_t) == 4 && sizeof(io_name_t) == 128, "sizes");
 static_assert(kIOMessageServiceIsTerminated == 0xE0000010u, "termination message");
-static_assert(kIOReturnError == static_cast<IOReturn>(0xE00002BC) &&
-              kIOReturnNoMemory == static_cast<IOReturn>(0xE00002BD) &&
+static_assert(kIOReturnNoMemory == static_cast<IOReturn>(0xE00002BD) &&
               kIOReturnUnsupported == static_cast<IOReturn>(0xE00002C7), "IOReturn codes");
 static_assert(kIORegistryIterateRecursively == 1 && kCFStringEncodingUTF8 == 0x08000100, "values");
 static_assert(E_NOINTERFACE == static_cast<HRESULT>(0x80000004) && S_OK == 0, "COM results");

@@ -17,24 +17,20 @@ namespace iokit_standin {
 
 // How the device answers one string descriptor request.
 struct StringAnswer {
-  StringAnswer() = default;
-  StringAnswer(std::vector<unsigned char> answer, int code = 0,
-               std::optional<uint32_t> transferred = std::nullopt)
-      : bytes(std::move(answer)), result(code), wLenDone(transferred) {}
+  StringAnswer(std::vector<unsigned char> b = {}, int r = 0, std::optional<uint32_t> done = std::nullopt)
+      : bytes(std::move(b)), result(r), wLenDone(done) {}
   std::vector<unsigned char> bytes;
   int result = 0;
   std::optional<uint32_t> wLenDone;  // bytes.size() unless given
 };
 
 struct Device {
-  std::string id;  // the test's name for it
+  std::string id;                     // the test's name for it
   std::optional<std::string> serial;  // the "USB Serial Number" property
   bool serial_is_number = false;      // the property holds a number instead of a text
-  uint16_t vid = 0;
-  uint16_t pid = 0;
-  uint8_t manufacturer_index = 1;
-  uint8_t product_index = 2;
-  std::map<uint8_t, StringAnswer> strings;  // an index not here stalls
+  uint16_t vid = 0, pid = 0;
+  uint8_t manufacturer_index = 1, product_index = 2;
+  std::map<uint8_t, StringAnswer> strings;   // an index not here stalls
   std::vector<unsigned char> configuration;  // its one configuration descriptor; none if empty
   int plugin_result = 0;
   bool plugin_missing = false;  // the plug-in call succeeds without a plug-in
@@ -45,12 +41,6 @@ struct Device {
 
 // A string descriptor carrying ASCII text.
 StringAnswer Text(const std::string& ascii);
-
-struct Request {
-  uint8_t bmRequestType, bRequest;
-  uint16_t wValue, wIndex, wLength;
-  uint32_t noDataTimeout, completionTimeout;
-};
 
 struct Handles {
   int services = 0, plugins = 0, interfaces = 0, notifications = 0;
@@ -76,7 +66,6 @@ class World {
 
   Handles Outstanding();
   int PlatformsCreated();
-  std::vector<Request> Requests();
 };
 
 }  // namespace iokit_standin

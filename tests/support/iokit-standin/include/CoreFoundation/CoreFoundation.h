@@ -16,7 +16,6 @@ typedef int32_t SInt32;
 typedef unsigned char Boolean;
 typedef signed long CFIndex;
 typedef unsigned long CFTypeID;
-typedef unsigned long CFHashCode;
 typedef UInt32 CFStringEncoding;
 
 typedef const void* CFTypeRef;
@@ -58,13 +57,7 @@ CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid);
 typedef struct {
   CFIndex version;
   void* info;
-  const void* (*retain)(const void* info);
-  void (*release)(const void* info);
-  CFStringRef (*copyDescription)(const void* info);
-  Boolean (*equal)(const void* info1, const void* info2);
-  CFHashCode (*hash)(const void* info);
-  void (*schedule)(void* info, CFRunLoopRef loop, CFRunLoopMode mode);
-  void (*cancel)(void* info, CFRunLoopRef loop, CFRunLoopMode mode);
+  void *retain, *release, *copyDescription, *equal, *hash, *schedule, *cancel;  // not used here
   void (*perform)(void* info);
 } CFRunLoopSourceContext;
 

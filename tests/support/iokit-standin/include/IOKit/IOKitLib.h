@@ -24,7 +24,6 @@ typedef char io_name_t[128];
 
 // IOReturn codes: system 0x38 (IOKit), subsystem 0 (common), in the high bits.
 #define kIOReturnSuccess KERN_SUCCESS
-#define kIOReturnError ((IOReturn)0xE00002BC)
 #define kIOReturnNoMemory ((IOReturn)0xE00002BD)
 #define kIOReturnBadArgument ((IOReturn)0xE00002C2)
 #define kIOReturnUnsupported ((IOReturn)0xE00002C7)

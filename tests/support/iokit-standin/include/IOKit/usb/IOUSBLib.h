@@ -56,37 +56,22 @@ typedef IOUSBConfigurationDescriptor* IOUSBConfigurationDescriptorPtr;
 
 typedef struct IOUSBDeviceStruct942 {
   IUNKNOWN_C_GUTS;
-  void* CreateDeviceAsyncEventSource;
-  void* GetDeviceAsyncEventSource;
-  void* CreateDeviceAsyncPort;
-  void* GetDeviceAsyncPort;
+  void *CreateDeviceAsyncEventSource, *GetDeviceAsyncEventSource, *CreateDeviceAsyncPort, *GetDeviceAsyncPort;
   IOReturn (*USBDeviceOpen)(void* self);
   IOReturn (*USBDeviceClose)(void* self);
-  void* GetDeviceClass;
-  void* GetDeviceSubClass;
-  void* GetDeviceProtocol;
+  void *GetDeviceClass, *GetDeviceSubClass, *GetDeviceProtocol;
   IOReturn (*GetDeviceVendor)(void* self, UInt16* devVendor);
   IOReturn (*GetDeviceProduct)(void* self, UInt16* devProduct);
-  void* GetDeviceReleaseNumber;
-  void* GetDeviceAddress;
-  void* GetDeviceBusPowerAvailable;
-  void* GetDeviceSpeed;
+  void *GetDeviceReleaseNumber, *GetDeviceAddress, *GetDeviceBusPowerAvailable, *GetDeviceSpeed;
   IOReturn (*GetNumberOfConfigurations)(void* self, UInt8* numConfig);
   void* GetLocationID;
   IOReturn (*GetConfigurationDescriptorPtr)(void* self, UInt8 configIndex,
                                             IOUSBConfigurationDescriptorPtr* desc);
-  void* GetConfiguration;
-  void* SetConfiguration;
-  void* GetBusFrameNumber;
-  void* ResetDevice;
-  void* DeviceRequest;
-  void* DeviceRequestAsync;
-  void* CreateInterfaceIterator;
+  void *GetConfiguration, *SetConfiguration, *GetBusFrameNumber, *ResetDevice, *DeviceRequest;
+  void *DeviceRequestAsync, *CreateInterfaceIterator;
   IOReturn (*USBDeviceOpenSeize)(void* self);
   IOReturn (*DeviceRequestTO)(void* self, IOUSBDevRequestTO* req);
-  void* DeviceRequestAsyncTO;
-  void* USBDeviceSuspend;
-  void* USBDeviceAbortPipeZero;
+  void *DeviceRequestAsyncTO, *USBDeviceSuspend, *USBDeviceAbortPipeZero;
   IOReturn (*USBGetManufacturerStringIndex)(void* self, UInt8* msi);
   IOReturn (*USBGetProductStringIndex)(void* self, UInt8* psi);
   // Apple's table goes on (serial index, re-enumeration, power, notifications ...).
