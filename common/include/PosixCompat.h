@@ -14,7 +14,6 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <string>
 
 #include "UniqueFd.h"
@@ -45,10 +44,11 @@ inline bool SetDescriptorFlags(int fd, Blocking blocking) {
   return status_flags >= 0 && ::fcntl(fd, F_SETFL, status_flags | O_NONBLOCK) == 0;
 }
 
-// Where send() has no MSG_NOSIGNAL (macOS), the socket itself is told not to raise SIGPIPE.
+// Where the system has SO_NOSIGPIPE (macOS), the socket itself is told not to raise SIGPIPE:
+// older SDKs have no MSG_NOSIGNAL for send().
 inline bool PrepareSocket(int fd, Blocking blocking) {
   if (!SetDescriptorFlags(fd, blocking)) return false;
-#if !defined(MSG_NOSIGNAL) && defined(SO_NOSIGPIPE)
+#if defined(SO_NOSIGPIPE)
   int one = 1;
   if (::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof one) != 0) return false;
 #endif
