@@ -21,18 +21,12 @@ using iokit_standin::Text;
 
 namespace {
 
-class FilterLists : public ::testing::Environment {
- public:
-  void SetUp() override { LoadUsbTestFilterLists(); }
-};
-const auto* const kFilterLists = ::testing::AddGlobalTestEnvironment(new FilterLists);
-
-Device Phone(const std::string& id, uint16_t vid = kAndroidVid, uint16_t pid = kPlainPid) {
+Device Phone(const std::string& id) {
   Device device;
   device.id = id;
   device.serial = id;
-  device.vid = vid;
-  device.pid = pid;
+  device.vid = kAndroidVid;
+  device.pid = kPlainPid;
   device.strings[1] = Text("Acme");
   device.strings[2] = Text("Phone " + id);
   return device;
@@ -50,6 +44,7 @@ void AdbAnswers(int code, const std::string& manufacturer = "") {
 
 class Watcher : public ::testing::Test {
  protected:
+  static void SetUpTestSuite() { LoadUsbTestFilterLists(); }
   void SetUp() override {
     fake_adb::Reset();
     log_capture::Clear();
@@ -60,12 +55,7 @@ class Watcher : public ::testing::Test {
 
   void TearDown() override {
     watcher_->StopListen();
-    const iokit_standin::Handles left = world_->Outstanding();
-    EXPECT_EQ(left.services, 0);
-    EXPECT_EQ(left.plugins, 0);
-    EXPECT_EQ(left.interfaces, 0);
-    EXPECT_EQ(left.notifications, 0);
-    EXPECT_EQ(left.others, 0) << "iterator, notification port, run-loop source or CF object";
+    EXPECT_EQ(world_->Outstanding(), iokit_standin::Handles{}) << "every handle given back";
     EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty()) << "a stopped watcher leaves no entry";
     SetUsbPlatformFactory(nullptr);
   }
@@ -131,9 +121,9 @@ TEST_F(Watcher, RecordsPhonesWithTheirStringsDecodedByTheLowByteUpToTheFirstZero
   EXPECT_EQ(upper.serial, "SER1AL") << "the key is lower case, the serial as the device says";
   EXPECT_EQ(upper.vid, kAndroidVid);
   EXPECT_EQ(upper.pid, kPlainPid);
-  EXPECT_EQ(world_->Outstanding().interfaces, static_cast<int>(table.size())) << "kept while recorded";
-  EXPECT_EQ(world_->Outstanding().notifications, static_cast<int>(table.size()));
-  EXPECT_EQ(world_->Outstanding().services, 0);
+  EXPECT_EQ(world_->Outstanding()["interface"], static_cast<int>(table.size())) << "kept while recorded";
+  EXPECT_EQ(world_->Outstanding()["notification"], static_cast<int>(table.size()));
+  EXPECT_EQ(world_->Outstanding()["service"], 0);
 }
 
 // Each device leaves exactly its one line (or none), and only the device the lists call
@@ -199,9 +189,9 @@ TEST_F(Watcher, PassesOverDevicesItCannotUseWithTheirLines) {
   }
   EXPECT_EQ(lines, expected_lines);
   EXPECT_EQ(fake_adb::Calls(), std::vector<std::string>{"AdbGetPhoneManufacturer:STICK"});
-  EXPECT_EQ(world_->Outstanding().plugins, 0);
-  EXPECT_EQ(world_->Outstanding().interfaces, recorded) << "only recorded devices keep one";
-  EXPECT_EQ(world_->Outstanding().notifications, recorded - 1) << "all but the stuck one";
+  EXPECT_EQ(world_->Outstanding()["plug-in"], 0);
+  EXPECT_EQ(world_->Outstanding()["interface"], recorded) << "only recorded devices keep one";
+  EXPECT_EQ(world_->Outstanding()["notification"], recorded - 1) << "all but the stuck one";
   Unplug("stuck");
   EXPECT_EQ(Table().count("stuck"), 1u) << "no termination arrives for it";
 }
@@ -221,18 +211,18 @@ TEST_F(Watcher, TerminationRemovesItsDeviceOnceAndASharedKeyWithTheFirstToLeave)
   ASSERT_EQ(table.size(), 3u);
   EXPECT_EQ(table.at("abc123").serial, "ABC123");
   EXPECT_EQ(table.at("abc123").manufacturer, "First");
-  EXPECT_EQ(world_->Outstanding().notifications, 4) << "all four are registered";
+  EXPECT_EQ(world_->Outstanding()["notification"], 4) << "all four are registered";
   Unplug("one");
   Unplug("one");  // a second termination finds no registration
   Unplug("lower");
   table = Table();
   ASSERT_EQ(table.size(), 1u) << "the first termination takes the shared entry out";
   EXPECT_EQ(table.count("two"), 1u);
-  EXPECT_EQ(world_->Outstanding().notifications, 2);
-  EXPECT_EQ(world_->Outstanding().interfaces, 2);
+  EXPECT_EQ(world_->Outstanding()["notification"], 2);
+  EXPECT_EQ(world_->Outstanding()["interface"], 2);
   Unplug("upper");
   EXPECT_EQ(Table().size(), 1u);
-  EXPECT_EQ(world_->Outstanding().notifications, 1);
+  EXPECT_EQ(world_->Outstanding()["notification"], 1);
 }
 
 TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
@@ -246,7 +236,7 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
 
   watcher_->StopListen();
   EXPECT_TRUE(Table().empty());
-  EXPECT_EQ(world_->Outstanding().notifications, 0);
+  EXPECT_EQ(world_->Outstanding()["notification"], 0);
   watcher_->StopListen();  // after the thread ended: nothing to do
 
   Start();
@@ -271,7 +261,7 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
   EXPECT_EQ(log_capture::Count(3, "IOServiceAddMatchingNotification failed, return 0x00000010"), 1);
 }
 
-TEST(IsAndroidValid, AsksAdbOnlyForDevicesTheListsCallNonAndroid) {
+TEST_F(Watcher, ValidityCheckAsksAdbOnlyForDevicesTheListsCallNonAndroid) {
   const struct {
     uint16_t vid, pid;
     int adb_code;

@@ -16,6 +16,7 @@
 #include <IOKit/usb/IOUSBLib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -104,7 +105,8 @@ struct State {
   iokit_standin::World* world = nullptr;
   std::map<io_object_t, Object> objects;
   io_object_t next_handle = 1;
-  int cf_objects = 0, plugins = 0, interfaces = 0, platforms = 0;
+  int cf_objects = 0, plugins = 0, interfaces = 0;
+  std::atomic<int> platforms{0};
   std::deque<Event> events;
   bool busy = false;
   std::map<std::string, CFObject*> constants;  // interned CFSTR texts and UUIDs
@@ -166,15 +168,9 @@ const IOUSBDeviceInterface942 kDeviceTable = [] {
   table.Release = Release<DeviceObject>;
   table.GetDeviceVendor = [](void* self, UInt16* vid) { return *vid = DeviceOf(self).vid, kIOReturnSuccess; };
   table.GetDeviceProduct = [](void* self, UInt16* pid) { return *pid = DeviceOf(self).pid, kIOReturnSuccess; };
-  table.USBGetManufacturerStringIndex = [](void* self, UInt8* index) {
-    return *index = DeviceOf(self).manufacturer_index, kIOReturnSuccess;
-  };
-  table.USBGetProductStringIndex = [](void* self, UInt8* index) {
-    return *index = DeviceOf(self).product_index, kIOReturnSuccess;
-  };
-  table.GetNumberOfConfigurations = [](void* self, UInt8* count) {
-    return *count = DeviceOf(self).configuration.empty() ? 0 : 1, kIOReturnSuccess;
-  };
+  table.USBGetManufacturerStringIndex = [](void* self, UInt8* i) { return *i = DeviceOf(self).manufacturer_index, 0; };
+  table.USBGetProductStringIndex = [](void* self, UInt8* i) { return *i = DeviceOf(self).product_index, 0; };
+  table.GetNumberOfConfigurations = [](void* self, UInt8* n) { return *n = !DeviceOf(self).configuration.empty(), 0; };
   table.GetConfigurationDescriptorPtr = [](void* self, UInt8 index, IOUSBConfigurationDescriptorPtr* out) {
     auto& bytes = static_cast<DeviceObject*>(self)->device.configuration;
     *out = index == 0 ? reinterpret_cast<IOUSBConfigurationDescriptorPtr>(bytes.data()) : nullptr;
@@ -292,11 +288,7 @@ CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef, UInt8 b0, UInt8 b1, UIn
   return Intern<__CFUUID>(kUuid, std::string(bytes, bytes + sizeof bytes));
 }
 
-CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid) {
-  CFUUIDBytes bytes;
-  std::memcpy(&bytes, uuid->text.data(), sizeof bytes);
-  return bytes;
-}
+CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid) { return *reinterpret_cast<const CFUUIDBytes*>(uuid->text.data()); }
 
 CFRunLoopRef CFRunLoopGetCurrent(void) {
   thread_local std::unique_ptr<__CFRunLoop> loop(new __CFRunLoop);
@@ -350,9 +342,9 @@ void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopM
   ++source->refs;
 }
 
+// A source is on one loop at most: removing it is invalidating it.
 void CFRunLoopRemoveSource(CFRunLoopRef, CFRunLoopSourceRef source, CFRunLoopMode) {
-  Lock lock(g.mutex);
-  RemoveFromLoop(source);
+  CFRunLoopSourceInvalidate(source);
 }
 
 CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef, CFIndex, CFRunLoopSourceContext* context) {
@@ -489,13 +481,7 @@ World::~World() {
 }
 
 UsbPlatformFactory World::Factory() {
-  return [] {
-    {
-      Lock lock(g.mutex);
-      ++g.platforms;
-    }
-    return CreateMacUsbPlatform();
-  };
+  return [] { return ++g.platforms, CreateMacUsbPlatform(); };
 }
 
 void World::Plug(const Device& device) {
@@ -521,20 +507,14 @@ bool World::WaitIdle(std::chrono::milliseconds timeout) {
 
 Handles World::Outstanding() {
   Lock lock(g.mutex);
-  Handles handles;
+  Handles held = {{"plug-in", g.plugins}, {"interface", g.interfaces}, {"other", g.cf_objects}};
   for (const auto& [handle, object] : g.objects) {
-    (object.kind == Object::kService ? handles.services
-     : object.kind == Object::kInterest ? handles.notifications : handles.others)++;
+    ++held[object.kind == Object::kService ? "service" : object.kind == Object::kInterest ? "notification" : "other"];
   }
-  handles.plugins = g.plugins;
-  handles.interfaces = g.interfaces;
-  handles.others += g.cf_objects;
-  return handles;
+  for (auto it = held.begin(); it != held.end();) it = it->second == 0 ? held.erase(it) : std::next(it);
+  return held;
 }
 
-int World::PlatformsCreated() {
-  Lock lock(g.mutex);
-  return g.platforms;
-}
+int World::PlatformsCreated() { return g.platforms; }
 
 }  // namespace iokit_standin

@@ -42,10 +42,9 @@ struct Device {
 // A string descriptor carrying ASCII text.
 StringAnswer Text(const std::string& ascii);
 
-struct Handles {
-  int services = 0, plugins = 0, interfaces = 0, notifications = 0;
-  int others = 0;  // iterators, notification ports and CF objects
-};
+// What the source holds, by kind: "service", "plug-in", "interface", "notification" and "other"
+// (iterators, notification ports, run-loop sources, CF objects); kinds with nothing held are absent.
+using Handles = std::map<std::string, int>;
 
 // The simulated system; one at a time. Scripted fields are read when the watcher sets up.
 class World {
