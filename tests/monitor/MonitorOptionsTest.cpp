@@ -9,79 +9,53 @@
 
 namespace {
 
-using monitor::FolderDefaults;
-using monitor::ParseMonitorArguments;
-using monitor::ParseResult;
-
-struct FakeEnvironment {
-  std::map<std::string, std::string> values;
-  monitor::GetEnv Getter() const {
-    return [this](const char* name) -> const char* {
-      auto it = values.find(name);
-      return it == values.end() ? nullptr : it->second.c_str();
-    };
-  }
-};
-
 TEST(XdgDefaults, FollowTheBaseDirectoryRules) {
-  FakeEnvironment env;
-  env.values = {{"HOME", "/home/ann"}};
-  FolderDefaults d = monitor::DefaultFolders(env.Getter(), "/unused", "/usr/share/pelmora/config");
-  EXPECT_EQ("/home/ann/.local/state/pelmora", d.log_dir);
-  EXPECT_EQ("/home/ann/.local/share/pelmora", d.resource_dir);
-  EXPECT_EQ("/usr/share/pelmora/config", d.config_dir);
-
-  env.values["XDG_STATE_HOME"] = "/var/state";
-  env.values["XDG_DATA_HOME"] = "relative/data";  // relative values are invalid: ignored
-  d = monitor::DefaultFolders(env.Getter(), "/unused", "c");
-  EXPECT_EQ("/var/state/pelmora", d.log_dir);
-  EXPECT_EQ("/home/ann/.local/share/pelmora", d.resource_dir);
-
-  env.values = {{"HOME", ""}};
-  d = monitor::DefaultFolders(env.Getter(), "/from/passwd", "c");
-  EXPECT_EQ("/from/passwd/.local/state/pelmora", d.log_dir);
-}
-
-class Arguments : public ::testing::Test {
- protected:
-  ParseResult Parse(const std::vector<std::string>& args) {
-    return ParseMonitorArguments(args, {"/cfg", "/res", "/log"});
+  // HOME, XDG_STATE_HOME, XDG_DATA_HOME ("-": unset), the home from the password database, then
+  // the log and resource folders. Relative XDG values are invalid: ignored.
+  const struct {
+    const char *home, *state, *data, *passwd, *logs, *resources;
+  } kCases[] = {
+      {"/home/ann", "-", "-", "/unused", "/home/ann/.local/state/pelmora", "/home/ann/.local/share/pelmora"},
+      {"/home/ann", "/var/state", "relative/data", "/unused", "/var/state/pelmora", "/home/ann/.local/share/pelmora"},
+      {"", "-", "/data", "/from/passwd", "/from/passwd/.local/state/pelmora", "/data/pelmora"},
+  };
+  for (const auto& c : kCases) {
+    const std::map<std::string, const char*> env = {{"HOME", c.home}, {"XDG_STATE_HOME", c.state}, {"XDG_DATA_HOME", c.data}};
+    const monitor::FolderDefaults d = monitor::DefaultFolders(
+        [&](const char* name) { return std::string(env.at(name)) == "-" ? nullptr : env.at(name); }, c.passwd,
+        "/usr/share/pelmora/config");
+    EXPECT_EQ(std::string(c.logs) + " " + c.resources + " /usr/share/pelmora/config",
+              d.log_dir + " " + d.resource_dir + " " + d.config_dir);
   }
-};
-
-TEST_F(Arguments, DefaultsFoldersAndSwitchesInBothSpellings) {
-  const ParseResult d = Parse({});
-  ASSERT_TRUE(d.ok);
-  EXPECT_EQ("/cfg /res /log", d.options.config_dir + " " + d.options.resource_dir + " " + d.options.log_dir);
-  EXPECT_FALSE(d.options.resource_dir_given || d.options.json || d.options.once || d.options.help ||
-               d.options.version);
-  EXPECT_EQ(3000, d.options.once_wait_ms);
-
-  const ParseResult r = Parse({"--config", "/a", "--resources=/b", "--log-dir", "/c d", "--json",
-                               "--once", "--wait=0.5"});
-  ASSERT_TRUE(r.ok) << r.error;
-  EXPECT_EQ("/a", r.options.config_dir);
-  EXPECT_EQ("/b", r.options.resource_dir);
-  EXPECT_TRUE(r.options.resource_dir_given);
-  EXPECT_EQ("/c d", r.options.log_dir);
-  EXPECT_TRUE(r.options.json);
-  EXPECT_TRUE(r.options.once);
-  EXPECT_EQ(500, r.options.once_wait_ms);
-  EXPECT_TRUE(Parse({"-h"}).options.help);
-  EXPECT_TRUE(Parse({"--version"}).options.version);
 }
 
-TEST_F(Arguments, MistakesAreRefusedWithAReason) {
-  const std::vector<std::vector<std::string>> bad = {
+TEST(Arguments, FoldersAndSwitchesInBothSpellingsAndMistakesRefusedWithAReason) {
+  // What the options came to, or "error: <the reason>".
+  auto parse = [](const std::vector<std::string>& args) {
+    const monitor::ParseResult r = monitor::ParseMonitorArguments(args, {"/cfg", "/res", "/log"});
+    if (!r.ok) return "error: " + r.error;
+    const monitor::MonitorOptions& o = r.options;
+    return o.config_dir + " " + o.resource_dir + (o.resource_dir_given ? "(given) " : " ") + o.log_dir +
+           (o.json ? " json" : "") + (o.once ? " once" : "") + " " + std::to_string(o.once_wait_ms) +
+           (o.help ? " help" : "") + (o.version ? " version" : "");
+  };
+  const std::vector<std::pair<std::vector<std::string>, std::string>> kGood = {
+      {{}, "/cfg /res /log 3000"},
+      {{"--config", "/a", "--resources=/b", "--log-dir", "/c d", "--json", "--once", "--wait=0.5"},
+       "/a /b(given) /c d json once 500"},
+      {{"-h"}, "/cfg /res /log 3000 help"},
+      {{"--version"}, "/cfg /res /log 3000 version"},
+  };
+  for (const auto& [args, options] : kGood) EXPECT_EQ(options, parse(args));
+  const std::vector<std::vector<std::string>> kBad = {
       {"--config"},        {"--config="},     {"--log-dir", ""}, {"--frobnicate"},
       {"extra"},           {"--json=yes"},    {"--wait", "0"},   {"--wait", "abc"},
       {"--wait", "1e9"},   {"--wait", "nan"}, {"--wait"},        {"-x"}};
-  for (const std::vector<std::string>& args : bad) {
-    const ParseResult r = Parse(args);
-    EXPECT_FALSE(r.ok) << args[0];
-    EXPECT_FALSE(r.error.empty()) << args[0];
+  for (const std::vector<std::string>& args : kBad) {
+    const std::string result = parse(args);
+    EXPECT_TRUE(result.rfind("error: ", 0) == 0 && result.size() > 7) << args[0] << ": " << result;
   }
-  EXPECT_NE(std::string::npos, Parse({"--frobnicate"}).error.find("--frobnicate"));
+  EXPECT_NE(std::string::npos, parse({"--frobnicate"}).find("--frobnicate"));
 }
 
 }  // namespace
