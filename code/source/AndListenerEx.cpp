@@ -6,6 +6,9 @@
 #include <json/json.h>
 
 #include <cstring>
+#ifdef __GLIBCXX__
+#include <cxxabi.h>  // abi::__forced_unwind
+#endif
 #include <exception>
 #include <mutex>
 #include <set>
@@ -321,6 +324,12 @@ void AndListenerEx::PollOnce(std::map<std::string, DeviceBasicInfo_>& previous,
         m_listen_device_change.load()->CopyUSBDeviceMap();
     DealListenInfo(&usb_devices, query_code == 0 ? &adb_devices : nullptr, &previous, query_code,
                    &last_query_code);
+#ifdef __GLIBCXX__
+  } catch (abi::__forced_unwind&) {
+    // A host that ends this thread from its callback (an interpreter shutting down calls
+    // pthread_exit) must be let through: swallowing the unwind aborts the process.
+    throw;
+#endif
   } catch (const std::exception& e) {
     // Nothing a poll meets may end the thread: the next poll starts from the same tables.
     LogEx(kLogCategory, QUENWICK_LEVEL_ERROR, "[%s] poll failed: %s", "ListenThread", e.what());
