@@ -18,7 +18,6 @@ TEST(Rotation, EightThreadsOfTenThousandLinesStayWithinTheBoundAndAllArrive) {
   const fs::path dir = fs::temp_directory_path() / ("quenwick-rotation-" + std::to_string(::getpid()));
   fs::remove_all(dir);
   ASSERT_EQ(QUENWICK_OK, InitLogEx("", "Pelmora", (dir / "Pelmora.log").c_str()));
-
   constexpr int kThreads = 8, kLines = 10000;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
@@ -28,30 +27,26 @@ TEST(Rotation, EightThreadsOfTenThousandLinesStayWithinTheBoundAndAllArrive) {
   }
   for (auto& writer : writers) writer.join();
 
-  // Files from the oldest rotation ("Pelmora.N.log", highest N) to the active one.
-  std::vector<fs::path> files;
-  for (int n = QUENWICK_MAX_FILES; n >= 1; --n) {
-    const fs::path rotated = dir / ("Pelmora." + std::to_string(n) + ".log");
-    if (fs::exists(rotated)) files.push_back(rotated);
-  }
-  files.push_back(dir / "Pelmora.log");
-  ASSERT_GT(files.size(), 2u) << "the test must make the log rotate";
-
-  std::map<int, int> next_line;  // per thread: the line number expected next
-  int total = 0;
-  for (const fs::path& file : files) {
+  // From the oldest rotation ("Pelmora.N.log", highest N) to the active file, every thread's lines
+  // in order.
+  std::map<int, int> next_line;
+  int total = 0, files = 0;
+  for (int n = QUENWICK_MAX_FILES; n >= 0; --n) {
+    const fs::path file = dir / (n == 0 ? "Pelmora.log" : "Pelmora." + std::to_string(n) + ".log");
+    if (!fs::exists(file)) continue;
+    ++files;
     EXPECT_LE(fs::file_size(file), static_cast<uintmax_t>(QUENWICK_MAX_FILE_BYTES)) << file;
     std::ifstream in(file);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string line; std::getline(in, line); ++total) {
       int thread = -1, number = -1;
       const size_t at = line.find("[L1] [Pelmora] thread ");
-      ASSERT_NE(std::string::npos, at) << line;
-      ASSERT_EQ(2, std::sscanf(line.c_str() + at, "[L1] [Pelmora] thread %d line %d", &thread, &number));
-      ASSERT_EQ(next_line[thread], number) << "thread " << thread << " in " << file;
-      ++next_line[thread];
-      ++total;
+      ASSERT_TRUE(at != std::string::npos &&
+                  std::sscanf(line.c_str() + at, "[L1] [Pelmora] thread %d line %d", &thread, &number) == 2)
+          << line;
+      ASSERT_EQ(next_line[thread]++, number) << "thread " << thread << " in " << file;
     }
   }
+  EXPECT_GT(files, 2) << "the test must make the log rotate";
   EXPECT_EQ(kThreads * kLines, total);
   fs::remove_all(dir);
 }
