@@ -1,9 +1,9 @@
 // The ADB server's replies are outside bytes: the status word, the hex length, the device list
 // payload and what a phone's shell prints all go through these parsers. Each run checks the
 // promises the exported functions make on top of them.
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -18,54 +18,42 @@ void Check(bool condition) {
   if (!condition) std::abort();
 }
 
-void FuzzStatusAndLength(std::string_view head) {
-  tarnwell::ReplyStatus status = tarnwell::ParseStatus(head);
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+
+  const std::string_view head = input.substr(0, 4);
+  const tarnwell::ReplyStatus status = tarnwell::ParseStatus(head);
   Check((status == tarnwell::ReplyStatus::kOkay) == (head == "OKAY"));
   Check((status == tarnwell::ReplyStatus::kFail) == (head == "FAIL"));
   std::size_t length = 0;
   if (tarnwell::ParseHexLength(head, &length)) {
+    // Framing the same length again gives the same four digits, up to letter case.
     Check(head.size() == 4 && length <= 0xffff);
-    // Framing the same length again gives the same digits, up to letter case.
-    std::string framed = tarnwell::EncodeRequest(std::string(length, 'x')).substr(0, 4);
+    const std::string framed = tarnwell::EncodeRequest(std::string(length, 'x'));
     for (std::size_t i = 0; i < 4; ++i) Check(std::tolower(head[i]) == framed[i]);
   }
-}
 
-void FuzzDeviceList(std::string_view payload) {
+  // The device list: one ';' after each entry, each entry with its '-', no line breaks left.
   std::string list;
   int count = -1;
-  if (!tarnwell::DevicesToListText(payload, &list, &count)) return;
-  // One ';' per device and nowhere else, each entry with its '-', no line breaks left.
-  std::size_t entries = 0;
-  std::size_t start = 0;
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    if (list[i] != ';') continue;
-    Check(list.substr(start, i - start).find('-') != std::string::npos);
-    ++entries;
-    start = i + 1;
+  if (tarnwell::DevicesToListText(input, &list, &count)) {
+    int entries = 0;
+    for (std::size_t start = 0, end = 0; start < list.size(); start = end + 1, ++entries) {
+      end = list.find(';', start);
+      Check(end != std::string::npos && list.substr(start, end - start).find('-') != std::string::npos);
+    }
+    Check(entries == count && list.find('\n') == std::string::npos);
+    Check(list.find('\0') == std::string::npos || input.find('\0') != std::string_view::npos);
   }
-  Check(start == list.size());
-  Check(static_cast<int>(entries) == count);
-  Check(list.find('\n') == std::string::npos);
-  Check(list.find('\0') == std::string::npos || payload.find('\0') != std::string_view::npos);
-}
 
-void FuzzPropertyValue(std::string_view printed, std::size_t size) {
-  std::vector<char> buffer(size + 1, '\x7f');
-  std::size_t n = tarnwell::CopyPropertyValue(printed, buffer.data(), size);
-  Check(n < size);
-  Check(buffer[n] == '\0');
-  Check(buffer[size] == '\x7f');  // nothing written past size
+  // A property value copied into a buffer of 1 to 128 bytes, never past its end.
+  const std::size_t buffer_size = size == 0 ? 1 : 1 + data[0] % 128;
+  const std::string_view printed = input.substr(size == 0 ? 0 : 1);
+  std::vector<char> buffer(buffer_size + 1, '\x7f');
+  const std::size_t n = tarnwell::CopyPropertyValue(printed, buffer.data(), buffer_size);
+  Check(n < buffer_size && buffer[n] == '\0' && buffer[buffer_size] == '\x7f');
   Check(std::memcmp(buffer.data(), printed.data(), n) == 0);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::string_view input(reinterpret_cast<const char*>(data), size);
-  FuzzStatusAndLength(input.substr(0, 4));
-  FuzzDeviceList(input);
-  std::size_t buffer_size = size == 0 ? 1 : 1 + data[0] % 128;
-  FuzzPropertyValue(input.substr(size == 0 ? 0 : 1), buffer_size);
   return 0;
 }

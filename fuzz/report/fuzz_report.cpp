@@ -16,16 +16,11 @@
 
 namespace {
 
-// The input cut at NUL bytes: the ADB list text, then properties, then USB devices.
+// The input cut at NUL bytes: the ADB list text, then properties, then USB devices; at least four.
 std::vector<std::string> g_pieces;
 
-const std::string& Piece(size_t i) {
-  static const std::string empty;
-  return i < g_pieces.size() ? g_pieces[i] : empty;
-}
-
 int Answer(size_t piece, char* buffer, int size) {
-  const std::string& text = Piece(piece);
+  const std::string& text = g_pieces[piece];
   const size_t n = std::min(text.size(), static_cast<size_t>(size - 1));
   std::memcpy(buffer, text.data(), n);
   buffer[n] = '\0';
@@ -36,17 +31,17 @@ int Answer(size_t piece, char* buffer, int size) {
 bool IsValidUtf8(const std::string& text) { return Latin1FallbackUtf8(text) == text; }
 
 int CheckReport(const char* report, int length) {
-  if (static_cast<size_t>(length) != std::strlen(report)) std::abort();
   Json::CharReaderBuilder builder;
   builder["failIfExtra"] = true;
   builder["rejectDupKeys"] = true;
   Json::Value root;
   std::string errors;
   std::istringstream in(std::string(report, static_cast<size_t>(length)));
-  if (!Json::parseFromStream(builder, in, &root, &errors)) std::abort();
+  if (static_cast<size_t>(length) != std::strlen(report) || !Json::parseFromStream(builder, in, &root, &errors)) {
+    std::abort();
+  }
   for (const Json::Value& entry : root["changed"]) {
-    if (entry.size() != 11) std::abort();
-    if (!IsValidUtf8(entry["key_serial"].asString())) std::abort();
+    if (entry.size() != 11 || !IsValidUtf8(entry["key_serial"].asString())) std::abort();
   }
   return 0;
 }
@@ -56,7 +51,7 @@ int CheckReport(const char* report, int length) {
 extern "C" int AdbSdkInit(const char*, const char*, const char*) { return 0; }
 extern "C" int AdbStartDaemon(int, int) { return 0; }
 extern "C" int AdbGetDevicesEx(char** list, int* count, int) {
-  *list = strdup(Piece(0).c_str());
+  *list = strdup(g_pieces[0].c_str());
   *count = 0;
   return 0;
 }
@@ -71,31 +66,23 @@ extern "C" int AdbGetPhoneProductModel(const char*, char* buffer, int size, int)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string input(reinterpret_cast<const char*>(data), size);
-  const std::string repaired = Latin1FallbackUtf8(input);
-  if (!IsValidUtf8(repaired)) std::abort();
-
+  if (!IsValidUtf8(Latin1FallbackUtf8(input))) std::abort();
   g_pieces.clear();
-  std::string piece;
-  for (char c : input) {
-    if (c == '\0') {
-      g_pieces.push_back(piece);
-      piece.clear();
-    } else {
-      piece.push_back(c);
-    }
+  for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+    end = input.find('\0', start);
+    g_pieces.push_back(input.substr(start, end == std::string::npos ? end : end - start));
   }
-  g_pieces.push_back(piece);
+  if (g_pieces.size() < 4) g_pieces.resize(4);
 
   std::map<std::string, DeviceAuthorInfo_> adb;
   GetDevicesAuthorStatusEx(adb);
   std::map<std::string, DeviceModleInfo> usb;
   for (size_t i = 4; i + 2 < g_pieces.size(); i += 3) {
-    DeviceModleInfo device;
+    DeviceModleInfo& device = usb[GetLowerCaseString(g_pieces[i])];
     device.serial = g_pieces[i];
     device.vid = static_cast<uint16_t>(device.serial.size() * 257);
     device.manufacturer = g_pieces[i + 1];
     device.product = g_pieces[i + 2];
-    usb[GetLowerCaseString(device.serial)] = device;
   }
   static AndListenerEx listener(CheckReport);
   std::map<std::string, DeviceBasicInfo_> previous;
