@@ -99,15 +99,8 @@ class Session : public ::testing::Test {
     settings_.options.log_dir = (dir_ / "state" / "logs").string();
     settings_.options.once_wait_ms = 200;
     settings_.drain_ms = 300;
-    settings_.out = [this](const std::string& text) {
-      std::lock_guard<std::mutex> lock(out_mutex_);
-      out_ += text;
-      return !out_closed_;
-    };
-    settings_.err = [this](const std::string& text) {
-      std::lock_guard<std::mutex> lock(out_mutex_);
-      err_ += text;
-    };
+    settings_.out = [this](const std::string& t) { std::lock_guard<std::mutex> l(out_mutex_); out_ += t; return !out_closed_; };
+    settings_.err = [this](const std::string& t) { std::lock_guard<std::mutex> l(out_mutex_); err_ += t; };
     settings_.now_text = [] { return std::string("12:00:00"); };
   }
   void TearDown() override {
@@ -153,7 +146,7 @@ TEST_F(Session, JsonLinesCarryEveryReportUntilSigtermAndTheLastOneAfterStop) {
   EXPECT_TRUE(Has(err_, "a report was skipped: report is not JSON")) << err_;
 }
 
-TEST_F(Session, OnceWithoutAnyReportSaysSoAfterItsWait) {
+TEST_F(Session, OnceShowsTheFirstReportOrSaysThereIsNoneAfterItsWait) {
   settings_.options.once = true;
   const auto started = std::chrono::steady_clock::now();
   EXPECT_EQ(monitor::kExitOk, monitor::RunMonitor(kFakeApi, settings_));
@@ -170,10 +163,9 @@ TEST_F(Session, OnceWithoutAnyReportSaysSoAfterItsWait) {
   EXPECT_EQ(monitor::kExitOk, monitor::RunMonitor(kFakeApi, settings_));
   EXPECT_EQ("", out_);
   EXPECT_EQ("no Android device\n", err_);
-}
 
-TEST_F(Session, OnceShowsOnlyTheFirstReportAsATable) {
-  settings_.options.once = true;
+  // With reports, only the first is shown, as a table.
+  settings_.options.json = false;
   fake_.reports = {PrettyReport("a", "NotConnect", "AuthoredConnect"), PrettyReport("b", "NotConnect", "MtpConnect")};
   fake_.after_stop = {PrettyReport("c", "NotConnect", "MtpConnect")};
   EXPECT_EQ(monitor::kExitOk, monitor::RunMonitor(kFakeApi, settings_));
