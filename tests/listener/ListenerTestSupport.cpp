@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "LoadConfig.h"
 
@@ -42,7 +44,7 @@ namespace reports {
 namespace {
 std::mutex g_mutex;
 std::condition_variable g_arrived;
-std::vector<std::string> g_reports;
+Strings g_reports;
 }  // namespace
 
 int Collect(const char* report, int length) {
@@ -52,7 +54,7 @@ int Collect(const char* report, int length) {
   return static_cast<int>(g_reports.size());
 }
 
-std::vector<std::string> All() {
+Strings All() {
   std::lock_guard<std::mutex> lock(g_mutex);
   return g_reports;
 }
@@ -78,17 +80,18 @@ Json::Value ParseJson(const std::string& text) {
   return value;
 }
 
-std::vector<std::string> Transitions(const std::string& report) {
-  std::vector<std::string> out;
-  const Json::Value parsed = ParseJson(report);
+Strings Transitions(const std::string& report) {
+  Strings out;
+  const Json::Value parsed = ParseJson(report);  // kept: the loop must not outlive it
   for (const Json::Value& entry : parsed["changed"]) {
+    const int code = entry["adb_error_code"].asInt();
     out.push_back(entry["key_serial"].asString() + ":" + entry["old_status"].asString() + "->" +
-                  entry["new_status"].asString());
+                  entry["new_status"].asString() + (code ? "#" + std::to_string(code) : ""));
   }
   return out;
 }
 
-void LoadTestConfiguration() {
+void ListenerTest::SetUp() {
   const fs::path dir = fs::temp_directory_path() / ("pelmora-listener-" + std::to_string(::getpid()));
   fs::create_directories(dir);
   std::ofstream(dir / "AndroidVID.ini") << "Google=6353\nSamsung=1256\nQualcomm=1478\nAcme=4660\n";
@@ -96,4 +99,29 @@ void LoadTestConfiguration() {
   std::ofstream(dir / "AndroidPIDBlack.ini") << "4660=1\n";
   LoadVIDConfig(dir.c_str());
   fs::remove_all(dir);
+  reports::Clear();
+}
+
+Strings ListenerTest::Next(std::chrono::milliseconds timeout) {
+  const size_t seen = seen_++;
+  if (!reports::WaitFor(seen + 1, timeout)) return {"no report"};
+  return Transitions(reports::All()[seen]);
+}
+
+Json::Value ListenerTest::WaitForEntry(const std::string& key, const std::string& new_status,
+                                       std::chrono::milliseconds timeout) {
+  for (const auto until = std::chrono::steady_clock::now() + timeout;;) {
+    for (const std::string& report : reports::All()) {
+      const Json::Value parsed = ParseJson(report);
+      for (const Json::Value& entry : parsed["changed"]) {
+        if (entry["key_serial"] == key && entry["new_status"] == new_status) return entry;
+      }
+    }
+    if (std::chrono::steady_clock::now() > until) return Json::Value();
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+Json::Value ListenerTest::LastEntry(int index) {
+  return ParseJson(reports::All().back())["changed"][index];
 }
