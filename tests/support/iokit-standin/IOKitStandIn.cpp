@@ -37,15 +37,9 @@ struct CFObject {
   bool constant;
   int refs = 1;
 };
-struct __CFString : CFObject {
-  using CFObject::CFObject;
-};
-struct __CFDictionary : CFObject {
-  using CFObject::CFObject;
-};
-struct __CFUUID : CFObject {
-  using CFObject::CFObject;
-};
+struct __CFString : CFObject { using CFObject::CFObject; };
+struct __CFDictionary : CFObject { using CFObject::CFObject; };
+struct __CFUUID : CFObject { using CFObject::CFObject; };
 struct __CFRunLoopSource : CFObject {
   using CFObject::CFObject;
   CFRunLoopSourceContext context = {};
@@ -57,9 +51,7 @@ struct __CFRunLoop {
   std::vector<CFRunLoopSourceRef> sources;
   bool stopped = false;
 };
-struct IONotificationPort {
-  CFRunLoopSourceRef source;
-};
+struct IONotificationPort { CFRunLoopSourceRef source; };
 
 bool operator==(const CFUUIDBytes& a, const CFUUIDBytes& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
@@ -251,11 +243,9 @@ void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
 }  // namespace
 
 CFObject::CFObject(CFTypeID t, std::string s, bool is_constant) : type(t), text(std::move(s)), constant(is_constant) {
-  if (!constant) ++g.cf_objects;
+  g.cf_objects += !constant;
 }
-CFObject::~CFObject() {
-  if (!constant) --g.cf_objects;
-}
+CFObject::~CFObject() { g.cf_objects -= !constant; }
 
 // --- CoreFoundation ---------------------------------------------------------------------------
 
