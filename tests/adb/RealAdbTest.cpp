@@ -17,16 +17,6 @@ namespace {
 using sim_phone::PhoneConfig;
 using sim_phone::SimPhone;
 
-// Polls until check() holds, at most timeout_ms.
-bool Eventually(const std::function<bool()>& check, int timeout_ms = 5000) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-  while (!check()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
 std::string List() {
   char* list = nullptr;
   int count = 0;
@@ -37,7 +27,15 @@ std::string List() {
   return text;
 }
 
-bool Lists(const std::string& entry) { return List().find(entry) != std::string::npos; }
+// Polls the list until it holds (or, with listed false, lacks) entry, at most 5 s.
+bool Listed(const std::string& entry, bool listed = true) {
+  for (auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+       (List().find(entry) != std::string::npos) != listed;) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
 
 std::string Read(int (*query)(const char*, char*, int, int), const std::string& serial) {
   char buffer[100] = {};
@@ -53,25 +51,23 @@ class RealAdbTest : public ::testing::Test {
     std::string why;
     ASSERT_TRUE(server_.Start(&why)) << why;
   }
-
-  void Attach(SimPhone& phone) {
-    std::string said;
-    server_.Connect(phone.port(), &said);
-    ASSERT_NE(said.find(phone.serial()), std::string::npos) << said;
-  }
-
   sim_phone::PrivateAdbServer server_;
 };
 
-TEST_F(RealAdbTest, AuthorisedPhoneIsListedAndAnswersItsThreeProperties) {
+TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
   PhoneConfig config;
+  config.authorized = false;
   config.manufacturer = "Google";
   config.model = "Pixel 7";
   config.android_version = "14";
   SimPhone phone(config);
-  Attach(phone);
-  ASSERT_TRUE(Eventually([&] { return Lists(phone.serial() + "-device;"); })) << List();
+  server_.Connect(phone.port());
+  const std::string failed = "ERR " + std::to_string(TARNWELL_ERR_SERVER_FAIL);
+  ASSERT_TRUE(Listed(phone.serial() + "-unauthorized;")) << List();
+  EXPECT_EQ(Read(AdbGetPhoneManufacturer, phone.serial()), failed);
 
+  phone.Authorize();
+  ASSERT_TRUE(Listed(phone.serial() + "-device;")) << List();
   // Three callers at once, as the poll thread, the USB watcher and the host may be.
   std::vector<std::string> got(3);
   std::vector<std::thread> threads;
@@ -80,52 +76,26 @@ TEST_F(RealAdbTest, AuthorisedPhoneIsListedAndAnswersItsThreeProperties) {
   threads.emplace_back([&] { got[2] = Read(AdbGetPhoneProductModel, phone.serial()); });
   for (auto& t : threads) t.join();
   EXPECT_EQ(got, (std::vector<std::string>{"14", "Google", "Pixel 7"}));
-}
 
-TEST_F(RealAdbTest, UnauthorisedPhoneShowsItsStateUntilTheUserAllowsIt) {
-  PhoneConfig config;
-  config.authorized = false;
-  SimPhone phone(config);
-  server_.Connect(phone.port());
-  ASSERT_TRUE(Eventually([&] { return Lists(phone.serial() + "-unauthorized;"); })) << List();
-  EXPECT_EQ(Read(AdbGetPhoneManufacturer, phone.serial()),
-            "ERR " + std::to_string(TARNWELL_ERR_SERVER_FAIL));
-
-  phone.Authorize();
-  ASSERT_TRUE(Eventually([&] { return Lists(phone.serial() + "-device;"); })) << List();
-  EXPECT_EQ(Read(AdbGetPhoneManufacturer, phone.serial()), "Pelmora");
-}
-
-TEST_F(RealAdbTest, PhoneThatGoesAwayLeavesTheList) {
-  SimPhone phone{PhoneConfig{}};
-  Attach(phone);
-  ASSERT_TRUE(Eventually([&] { return Lists(phone.serial() + "-device;"); })) << List();
-  phone.Leave();
-  server_.Disconnect(phone.port());
-  EXPECT_TRUE(Eventually([&] { return !Lists(phone.serial()); })) << List();
-  EXPECT_EQ(Read(AdbGetPhoneProductModel, phone.serial()),
-            "ERR " + std::to_string(TARNWELL_ERR_SERVER_FAIL));
-}
-
-TEST_F(RealAdbTest, LinkDroppingWhenTheShellOpensReadsErrorClosed) {
-  SimPhone phone{PhoneConfig{}};
-  Attach(phone);
-  ASSERT_TRUE(Eventually([&] { return Lists(phone.serial() + "-device;"); })) << List();
+  // The link dropping when the shell opens reads "error: closed".
   phone.SetDropOnOpen(true);
   EXPECT_EQ(Read(AdbGetPhoneSoftVersion, phone.serial()), "error: closed");
+
+  phone.Leave();
+  server_.Disconnect(phone.port());
+  EXPECT_TRUE(Listed(phone.serial(), false)) << List();
+  EXPECT_EQ(Read(AdbGetPhoneProductModel, phone.serial()), failed);
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(RealAdbTest, BannerKindIsTheStateAndAdbsOwnShellReadsTheProperties) {
   PhoneConfig config;
   config.banner_kind = "recovery";
   config.extra_properties["ro.serialno"] = "SIM0001";
   SimPhone phone(config);
-  Attach(phone);
-  ASSERT_TRUE(Eventually([&] { return Lists(phone.serial() + "-recovery;"); })) << List();
+  std::string said;
+  server_.Connect(phone.port(), &said);
+  ASSERT_NE(said.find(phone.serial()), std::string::npos) << said;
+  ASSERT_TRUE(Listed(phone.serial() + "-recovery;")) << List();
   // adb's own client speaks the framed shell (shell,v2) to a phone that offers it.
   auto run = server_.Adb({"-s", phone.serial(), "shell", "getprop", "ro.serialno"});
   EXPECT_EQ(run.exit_code, 0) << run.output;

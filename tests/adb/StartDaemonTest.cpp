@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
@@ -62,17 +63,15 @@ class StartDaemonTest : public ::testing::Test {
   std::string log_path_;
 };
 
-TEST_F(StartDaemonTest, InitChecksItsFolders) {
+TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
   EXPECT_EQ(AdbSdkInit(nullptr, "/", "/"), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(AdbSdkInit("/", "", "/"), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(Init(folders_.path() + "/missing"), TARNWELL_ERR_NO_FOLDER);
   EXPECT_EQ(AdbSdkInit(folders_.path().c_str(), "/no/such/config", "/"), TARNWELL_ERR_NO_FOLDER);
   EXPECT_NE(ReadFile(log_path_).find("/no/such/config"), std::string::npos);
   EXPECT_EQ(AdbStartDaemon(2, 0), TARNWELL_ERR_BAD_ARGUMENT);
-}
 
-TEST_F(StartDaemonTest, WithoutAnyAdbNothingCanStart) {
-  std::string saved_path = getenv("PATH") != nullptr ? getenv("PATH") : "";
+  const std::string saved_path = getenv("PATH") != nullptr ? getenv("PATH") : "";
   setenv("PATH", folders_.path().c_str(), 1);
   UsePort(sim_phone::PrivateAdbServer::FreePort());
   EXPECT_EQ(Init(folders_.path()), TARNWELL_ERR_NO_ADB);
@@ -80,20 +79,34 @@ TEST_F(StartDaemonTest, WithoutAnyAdbNothingCanStart) {
   setenv("PATH", saved_path.c_str(), 1);
 }
 
-TEST_F(StartDaemonTest, AnsweringServerIsLeftAloneUnlessTheHostSaysItWasKilled) {
-  sim_adb::SimAdbServer server;
-  UsePort(server.port());
-  FakeAdbFolder adb;
-  ASSERT_EQ(Init(adb.path()), 0);
+TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled) {
+  const struct {
+    bool serve;   // a simulated server listens on the port
+    bool silent;  // and never answers "host:version"
+    int flag;
+    int adb_exit;
+    int code;
+    bool runs_adb;
+  } cases[] = {
+      {true, false, 1, 0, 0, false},
+      {true, false, 0, 0, 0, true},
+      {true, true, 1, 0, TARNWELL_ERR_TIMEOUT, false},  // reported, not replaced
+      {false, false, 1, 1, TARNWELL_ERR_START_FAILED, true},
+  };
+  for (const auto& c : cases) {
+    std::optional<sim_adb::SimAdbServer> server;
+    if (c.serve) server.emplace();
+    if (c.silent) server->React("host:version", sim_adb::Reaction::Silent());
+    const std::uint16_t port = c.serve ? server->port() : sim_phone::PrivateAdbServer::FreePort();
+    UsePort(port);
+    FakeAdbFolder adb(c.adb_exit, c.adb_exit ? "error: could not install *smartsocket* listener" : "");
+    ASSERT_EQ(Init(adb.path()), 0);
+    EXPECT_EQ(AdbStartDaemon(c.flag, 0), c.code);
+    EXPECT_EQ(adb.Calls(), c.runs_adb ? "-P " + std::to_string(port) + " start-server\n" : "");
+  }
+  EXPECT_NE(ReadFile(log_path_).find("smartsocket"), std::string::npos) << "adb's own words";
 
-  EXPECT_EQ(AdbStartDaemon(1, 0), 0);
-  EXPECT_EQ(adb.Calls(), "");
-
-  EXPECT_EQ(AdbStartDaemon(0, 0), 0);
-  EXPECT_EQ(adb.Calls(), "-P " + std::to_string(server.port()) + " start-server\n");
-}
-
-TEST_F(StartDaemonTest, ConcurrentStartsTakeTurns) {
+  // Concurrent starts take turns.
   sim_adb::SimAdbServer server;
   UsePort(server.port());
   FakeAdbFolder adb;
@@ -105,27 +118,8 @@ TEST_F(StartDaemonTest, ConcurrentStartsTakeTurns) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(results, std::vector<int>(3, 0));
-  std::string line = "-P " + std::to_string(server.port()) + " start-server\n";
+  const std::string line = "-P " + std::to_string(server.port()) + " start-server\n";
   EXPECT_EQ(adb.Calls(), line + line + line);
-}
-
-TEST_F(StartDaemonTest, ListenerThatDoesNotAnswerIsReportedNotReplaced) {
-  sim_adb::SimAdbServer server;
-  server.React("host:version", sim_adb::Reaction::Silent());
-  UsePort(server.port());
-  FakeAdbFolder adb;
-  ASSERT_EQ(Init(adb.path()), 0);
-  EXPECT_EQ(AdbStartDaemon(1, 0), TARNWELL_ERR_TIMEOUT);
-  EXPECT_EQ(adb.Calls(), "");
-}
-
-TEST_F(StartDaemonTest, AdbThatFailsToStartTheServerIsReportedWithItsWords) {
-  UsePort(sim_phone::PrivateAdbServer::FreePort());
-  FakeAdbFolder adb(1, "error: could not install *smartsocket* listener");
-  ASSERT_EQ(Init(adb.path()), 0);
-  EXPECT_EQ(AdbStartDaemon(1, 0), TARNWELL_ERR_START_FAILED);
-  EXPECT_NE(adb.Calls().find("start-server"), std::string::npos);
-  EXPECT_NE(ReadFile(log_path_).find("smartsocket"), std::string::npos) << ReadFile(log_path_);
 }
 
 TEST_F(StartDaemonTest, RealServerStartsOnAPrivatePortAndAgainAfterKillServer) {

@@ -22,17 +22,17 @@ const char kUnauthorizedMessage[] =
     "Try 'adb kill-server' if that seems wrong.\n"
     "Otherwise check for a confirmation dialog on your device.";
 
-std::string Hex4(std::size_t n) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04zx", n & 0xffff);
-  return text;
-}
-
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
 }  // namespace
+
+std::string Hex4(std::size_t n) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04zx", n & 0xffff);
+  return text;
+}
 
 struct SimAdbServer::Connection {
   posix::UniqueFd fd;
@@ -88,11 +88,6 @@ SimAdbServer::SimAdbServer() {
 }
 
 SimAdbServer::~SimAdbServer() { Stop(); }
-
-bool SimAdbServer::running() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return listener_ != nullptr;
-}
 
 bool SimAdbServer::Listen(std::uint16_t port) {
   auto listener = std::make_shared<sim_phone::LoopbackListener>(port, 64);
@@ -209,11 +204,8 @@ bool SimAdbServer::AnswerByDefault(Connection& connection, const std::string& se
     return false;
   }
   if (service == "host:devices") {
-    std::string payload = payload_;
-    if (!has_payload_) {
-      payload.clear();
-      for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n";
-    }
+    std::string payload;
+    for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n";
     lock.unlock();
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
     return false;
@@ -252,24 +244,13 @@ bool SimAdbServer::AnswerByDefault(Connection& connection, const std::string& se
     return false;
   }
   lock.unlock();
-  if (service == "host:kill") {
-    connection.Send("OKAY");
-  } else {
-    connection.SendFail("unknown host service");
-  }
+  connection.SendFail("unknown host service");
   return false;
 }
 
 void SimAdbServer::SetDevices(std::vector<Device> devices) {
   std::lock_guard<std::mutex> lock(mutex_);
   devices_ = std::move(devices);
-  has_payload_ = false;
-}
-
-void SimAdbServer::SetDeviceListPayload(std::string payload) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  payload_ = std::move(payload);
-  has_payload_ = true;
 }
 
 void SimAdbServer::React(const std::string& service_prefix, Reaction reaction) {

@@ -45,6 +45,9 @@ struct Reaction {
   static Reaction Raw(std::string bytes) { return {Kind::kRaw, std::move(bytes), 0}; }
 };
 
+// A length as the protocol frames it: four hexadecimal digits.
+std::string Hex4(std::size_t n);
+
 struct Device {
   std::string serial;
   std::string state;  // "device", "offline", "unauthorized", ...
@@ -60,7 +63,6 @@ class SimAdbServer {
   SimAdbServer& operator=(const SimAdbServer&) = delete;
 
   std::uint16_t port() const { return port_; }
-  bool running() const;
 
   // Closes the port and every open connection, like a killed server. Stop and Restart are for
   // one controlling thread; everything else may be called from any thread.
@@ -69,9 +71,6 @@ class SimAdbServer {
   bool Restart();
 
   void SetDevices(std::vector<Device> devices);
-  // The raw payload of "host:devices" instead of one built from the devices (keeps the devices
-  // for transports and properties).
-  void SetDeviceListPayload(std::string payload);
   void React(const std::string& service_prefix, Reaction reaction);
   void ClearReactions();
 
@@ -95,8 +94,6 @@ class SimAdbServer {
   mutable std::mutex mutex_;
   std::condition_variable stopped_cv_;
   std::vector<Device> devices_;
-  bool has_payload_ = false;
-  std::string payload_;
   std::vector<std::pair<std::string, Reaction>> reactions_;
   std::vector<std::string> requests_;
   bool keep_requests_ = true;
