@@ -50,7 +50,8 @@ TEST(Arguments, FoldersAndSwitchesInBothSpellingsAndMistakesRefusedWithAReason) 
   const std::vector<std::vector<std::string>> kBad = {
       {"--config"},        {"--config="},     {"--log-dir", ""}, {"--frobnicate"},
       {"extra"},           {"--json=yes"},    {"--wait", "0"},   {"--wait", "abc"},
-      {"--wait", "1e9"},   {"--wait", "nan"}, {"--wait"},        {"-x"}};
+      {"--wait", "1e9"},   {"--wait", "nan"}, {"--wait"},        {"-x"},
+      {"--help=x"}};
   for (const std::vector<std::string>& args : kBad) {
     const std::string result = parse(args);
     EXPECT_TRUE(result.rfind("error: ", 0) == 0 && result.size() > 7) << args[0] << ": " << result;
