@@ -91,6 +91,7 @@ TEST_F(AdbClientTest, ListRepliesGiveTheirTextOrTheirCode) {
   } cases[] = {
       {Reaction::Answer(), "R58M-device;LOCKED-unauthorized;GONE-offline;"},
       {Reaction::Raw("OKAY0000"), ""},
+      {Reaction::Raw("OKAY000BR58M\tdevice"), "R58M-device;"},  // either case of hex digit
       // A long serial and loose line endings are passed whole.
       {Reaction::Raw("OKAY" + sim_adb::Hex4(loose.size()) + loose), serial + "-device;Z9-recovery;"},
       {Reaction::Fail("insufficient permissions"), Err(TARNWELL_ERR_SERVER_FAIL)},
