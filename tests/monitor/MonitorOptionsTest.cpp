@@ -43,6 +43,7 @@ TEST(Arguments, FoldersAndSwitchesInBothSpellingsAndMistakesRefusedWithAReason) 
       {{}, "/cfg /res /log 3000"},
       {{"--config", "/a", "--resources=/b", "--log-dir", "/c d", "--json", "--once", "--wait=0.5"},
        "/a /b(given) /c d json once 500"},
+      {{"--config=/a"}, "/a /res /log 3000"},
       {{"-h"}, "/cfg /res /log 3000 help"},
       {{"--version"}, "/cfg /res /log 3000 version"},
   };
@@ -51,7 +52,7 @@ TEST(Arguments, FoldersAndSwitchesInBothSpellingsAndMistakesRefusedWithAReason) 
       {"--config"},        {"--config="},     {"--log-dir", ""}, {"--frobnicate"},
       {"extra"},           {"--json=yes"},    {"--wait", "0"},   {"--wait", "abc"},
       {"--wait", "1e9"},   {"--wait", "nan"}, {"--wait"},        {"-x"},
-      {"--help=x"}};
+      {"--once=x"},        {"--help=x"},      {"--version=1"}};
   for (const std::vector<std::string>& args : kBad) {
     const std::string result = parse(args);
     EXPECT_TRUE(result.rfind("error: ", 0) == 0 && result.size() > 7) << args[0] << ": " << result;
