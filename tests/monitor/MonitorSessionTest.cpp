@@ -166,6 +166,7 @@ TEST_F(Session, OnceShowsTheFirstReportOrSaysThereIsNoneAfterItsWait) {
 
   // With reports, only the first is shown, as a table.
   settings_.options.json = false;
+  fake_.poll_thread.join();  // the last session's fake poll still reads the scripts
   fake_.reports = {PrettyReport("a", "NotConnect", "AuthoredConnect"), PrettyReport("b", "NotConnect", "MtpConnect")};
   fake_.after_stop = {PrettyReport("c", "NotConnect", "MtpConnect")};
   EXPECT_EQ(monitor::kExitOk, monitor::RunMonitor(kFakeApi, settings_));
