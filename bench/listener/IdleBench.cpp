@@ -16,19 +16,12 @@
 #include <thread>
 
 #include "Pelmora.h"
+#include "../common/ResidentMemory.h"
 #include "SimAdbServer.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-long ResidentKiB() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  }
-  return -1;
-}
 
 double CpuSeconds() {
   rusage usage{};

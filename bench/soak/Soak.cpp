@@ -24,6 +24,7 @@
 #include <json/json.h>
 
 #include "AndListenerEx.h"
+#include "../common/ResidentMemory.h"
 #include "ListenDeviceChangeMac.h"
 #include "Quenwick.h"
 #include "SimAdbServer.h"
@@ -74,15 +75,6 @@ std::string NextReport(std::chrono::milliseconds wait) {
                entry["old_status"].asString() + "->" + entry["new_status"].asString();
   }
   return changes;
-}
-
-long ResidentKiB() {
-  long pages_total = 0, pages_resident = 0;
-  FILE* statm = std::fopen("/proc/self/statm", "r");
-  if (statm == nullptr) return -1;
-  if (std::fscanf(statm, "%ld %ld", &pages_total, &pages_resident) != 2) pages_resident = -1;
-  std::fclose(statm);
-  return pages_resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 SimulatedUsbDevice SoakPhone() {

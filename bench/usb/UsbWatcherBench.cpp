@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ListenDeviceChangeMac.h"
+#include "../common/ResidentMemory.h"
 #include "Quenwick.h"
 #include "UsbTestLists.h"
 #include "UsbTestbed.h"
@@ -99,15 +100,6 @@ void BM_UeventToTableEntry(benchmark::State& state) {
   state.SetLabel(with_node ? "control transfer" : "sysfs (default)");
 }
 BENCHMARK(BM_UeventToTableEntry)->Arg(1)->Arg(0)->Iterations(1)->Unit(benchmark::kMillisecond);
-
-long ResidentKiB() {
-  long pages_total = 0, pages_resident = 0;
-  FILE* statm = std::fopen("/proc/self/statm", "r");
-  if (statm == nullptr) return -1;
-  if (std::fscanf(statm, "%ld %ld", &pages_total, &pages_resident) != 2) pages_resident = -1;
-  std::fclose(statm);
-  return pages_resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
 
 void BM_PlugUnplugMemory(benchmark::State& state) {
   for (auto _ : state) {
