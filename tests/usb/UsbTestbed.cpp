@@ -59,6 +59,8 @@ std::vector<unsigned char> DeviceDescriptor(const SimulatedUsbDevice& d) {
   return bytes;
 }
 
+constexpr const char* kIncompleteDevtype = "usb_device_in_making";
+
 std::string NodeName(int number) {
   char name[32];
   std::snprintf(name, sizeof name, "bus/usb/001/%03d", number);
@@ -147,7 +149,9 @@ std::string UsbTestbed::Plug(const SimulatedUsbDevice& device) {
   }
   std::string record = "P: " + syspath.substr(4) + "\n";
   if (device.has_node) record += "N: " + node + "\n";
-  record += "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n";
+  // umockdev sends "add" before it writes the binary attributes and the node, which a watcher
+  // may read first; the device carries a type no watcher matches until it is whole.
+  record += "E: SUBSYSTEM=usb\nE: DEVTYPE=" + std::string(kIncompleteDevtype) + "\n";
   record += "E: DEVNAME=/dev/" + node + "\n";
   record += "E: BUSNUM=001\nE: DEVNUM=" + node.substr(node.size() - 3) + "\n";
   record += "A: busnum=1\nA: devnum=" + std::to_string(device.number) + "\n";
@@ -162,6 +166,8 @@ std::string UsbTestbed::Plug(const SimulatedUsbDevice& device) {
     g_clear_error(&error);
     throw std::runtime_error(message);
   }
+  umockdev_testbed_set_property(impl_->testbed, syspath.c_str(), "DEVTYPE", "usb_device");
+  umockdev_testbed_uevent(impl_->testbed, syspath.c_str(), "add");
   return syspath;
 }
 
