@@ -174,6 +174,10 @@ std::vector<const DevicesStatusChangeInfo_*> ReportOrder(
   return ordered;
 }
 
+int KnownAdbTexts(const DeviceInfo_& record) {
+  return !record.os_version.empty() + !record.adb_manufacturer.empty() + !record.adb_model.empty();
+}
+
 Json::Value Text(const std::string& bytes) { return Json::Value(Latin1FallbackUtf8(bytes)); }
 
 Json::Value ReportEntry(const DevicesStatusChangeInfo_& change,
@@ -361,15 +365,33 @@ void AndListenerEx::DealListenInfo(const std::map<std::string, DeviceModleInfo>*
       changes.push_back(Change(key, device.actual_serial, device.status, device.status));
     }
   }
+  AppendLateDetails(changes);
   if (!changes.empty()) ReportChanges(changes, query_code);
 
   *previous = merged;
   *last_query_code = query_code;
 }
 
+// An authorised phone whose texts came after its status was reported gets an entry of its own,
+// with the same old and new status.
+void AndListenerEx::AppendLateDetails(std::vector<DevicesStatusChangeInfo_>& changes) const {
+  std::set<std::string> listed;
+  for (const DevicesStatusChangeInfo_& change : changes) listed.insert(change.key_serial);
+  for (const auto& [key, record] : m_device_info_map) {
+    if (record.status == AuthoredConnect && KnownAdbTexts(record) > record.adb_texts_told &&
+        listed.count(key) == 0) {
+      changes.push_back(Change(key, record.actual_serial, AuthoredConnect, AuthoredConnect));
+    }
+  }
+}
+
 void AndListenerEx::ReportChanges(const std::vector<DevicesStatusChangeInfo_>& changes,
                                   int query_code) {
   const std::string report = ConvertDeviceChangeToJson(changes, m_device_info_map, query_code);
+  for (const DevicesStatusChangeInfo_& change : changes) {
+    const auto record = m_device_info_map.find(change.key_serial);
+    if (record != m_device_info_map.end()) record->second.adb_texts_told = KnownAdbTexts(record->second);
+  }
   if (report.empty()) return;
   LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s", report.c_str());
   // A null callback is refused when the listener is made; the check keeps it that way.

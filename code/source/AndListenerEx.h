@@ -88,6 +88,7 @@ class AndListenerEx {
   bool KeepPolling(std::map<std::string, DeviceBasicInfo_>& previous, int& last_query_code);
   void PollOnce(std::map<std::string, DeviceBasicInfo_>& previous, int& last_query_code);
   void PauseAfterPoll();
+  void AppendLateDetails(std::vector<DevicesStatusChangeInfo_>& changes) const;
   void ReportChanges(const std::vector<DevicesStatusChangeInfo_>& changes, int query_code);
 
   HostCallback m_callback;

@@ -77,6 +77,10 @@ struct DeviceInfo_ {
   std::string usb_product;
   std::string adb_manufacturer;
   std::string adb_model;
+  // How many of the three ADB texts the host had when this device was last in a report. A phone
+  // that answers its first reads late (it was busy, or timed out) is reported again once more of
+  // them are known, so that the host learns its model without a change of status.
+  int adb_texts_told = 0;
 };
 
 // One change of a device's connection status between two polls.

@@ -357,7 +357,8 @@ TEST_F(DetailLookup, AClosedConnectionStopsThePollsLookupAndIsLoggedOnce) {
   EXPECT_EQ("Pixel 8 USB", entry["model"].asString());
 }
 
-TEST_F(DetailLookup, AFailingOrEmptyManufacturerOrModelIsLoggedAndAskedAgainNextPoll) {
+// Texts that come late are reported then, as an entry whose status stays "AuthoredConnect".
+TEST_F(DetailLookup, AFailingOrEmptyManufacturerOrModelIsLoggedAskedAgainAndReportedWhenItComes) {
   Answer(kManufacturer) = {104, ""};
   PollPhone(DeviceAuthored);
   EXPECT_EQ(1, log_capture::Count(3, "AdbGetPhoneManufacturer() error 104"));
@@ -365,16 +366,17 @@ TEST_F(DetailLookup, AFailingOrEmptyManufacturerOrModelIsLoggedAndAskedAgainNext
 
   Answer(kManufacturer) = {0, "Google"};
   Answer(kModel) = {106, ""};
-  PollPhone(DeviceAuthored);
+  Json::Value late = PollPhone(DeviceAuthored);
   EXPECT_EQ(1, log_capture::Count(3, "AdbGetPhoneProductModel() error 106"));
-  EXPECT_EQ("Google", Record().manufacturer);
-  EXPECT_EQ("", Record().model);
+  EXPECT_EQ("AuthoredConnect>AuthoredConnect Google/Pixel 8 USB",
+            late["old_status"].asString() + ">" + late["new_status"].asString() + " " +
+                late["manufacturer"].asString() + "/" + late["model"].asString());
 
   Answer(kModel) = {0, ""};
-  PollPhone(DeviceAuthored);
+  EXPECT_TRUE(PollPhone(DeviceAuthored).isNull()) << "nothing new, no report";
   Answer(kModel) = {0, "Pixel 8"};
-  PollPhone(DeviceAuthored);
-  EXPECT_EQ("Pixel 8", Record().model);
+  EXPECT_EQ("Pixel 8", PollPhone(DeviceAuthored)["model"].asString());
+  EXPECT_TRUE(PollPhone(DeviceAuthored).isNull());
   EXPECT_EQ((std::vector<int>{1, 2, 3}),
             (std::vector<int>{Asked("AdbGetPhoneSoftVersion"), Asked("AdbGetPhoneManufacturer"),
                               Asked("AdbGetPhoneProductModel")}));

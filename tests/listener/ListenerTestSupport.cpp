@@ -109,12 +109,15 @@ Strings ListenerTest::Next(std::chrono::milliseconds timeout) {
 }
 
 Json::Value ListenerTest::WaitForEntry(const std::string& key, const std::string& new_status,
-                                       std::chrono::milliseconds timeout) {
+                                       std::chrono::milliseconds timeout, const std::string& model) {
   for (const auto until = std::chrono::steady_clock::now() + timeout;;) {
     for (const std::string& report : reports::All()) {
       const Json::Value parsed = ParseJson(report);
       for (const Json::Value& entry : parsed["changed"]) {
-        if (entry["key_serial"] == key && entry["new_status"] == new_status) return entry;
+        if (entry["key_serial"] == key && entry["new_status"] == new_status &&
+            (model.empty() || entry["model"] == model)) {
+          return entry;
+        }
       }
     }
     if (std::chrono::steady_clock::now() > until) return Json::Value();

