@@ -1,9 +1,12 @@
-// The log library through its three C functions, reading back the files it writes.
+// The log library through its three C functions, reading back the files it writes. Built from its
+// source with a small size bound (QUENWICK_MAX_FILE_BYTES) and enough rotated files
+// (QUENWICK_MAX_FILES) to keep every line, so that a test can make it rotate many times.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -53,7 +56,7 @@ TEST_F(LogFiles, LinesCarryTimeLevelCategoryAndTheExactMessageBytes) {
   EXPECT_EQ(QUENWICK_OK, LogEx("Pelmora", 3, "Device offline.\r"));
   EXPECT_EQ(QUENWICK_OK, Log(3, "raw 0x%08x \xe9\xff\n", 0xE0000010u));
   EXPECT_EQ(QUENWICK_OK, LogEx("Pelmora", 1, "braces {} and %% stay"));
-  const std::string big(100 * 1024, 'x');  // larger than any buffer: written whole
+  const std::string big(16 * 1024, 'x');  // larger than any formatting buffer: written whole
   EXPECT_EQ(QUENWICK_OK, LogEx("Pelmora", 1, "<%s>", big.c_str()));
 
   const std::string text = ReadFile(path);
@@ -66,24 +69,39 @@ TEST_F(LogFiles, LinesCarryTimeLevelCategoryAndTheExactMessageBytes) {
   }
 }
 
-TEST_F(LogFiles, SwitchingFilesWhileThreadsLogLosesAndTearsNothing) {
+TEST_F(LogFiles, ThreadsLoggingThroughRotationsAndASwitchOfFilesLoseTearOrReorderNothing) {
   ASSERT_EQ(QUENWICK_OK, InitLogEx("", "Pelmora", (dir_ / "first.log").c_str()));
-  constexpr int kThreads = 4, kLines = 2000;
+  constexpr int kThreads = 8, kLines = 10000;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
     writers.emplace_back([t] {
-      for (int i = 0; i < kLines; ++i) LogEx("Pelmora", 1, "writer %d line %d end", t, i);
+      for (int i = 0; i < kLines; ++i) LogEx("Pelmora", 1, "thread %d line %d end", t, i);
     });
   }
-  ASSERT_EQ(QUENWICK_OK, InitLogEx("", "Pelmora", (dir_ / "second.log").c_str()));
+  EXPECT_EQ(QUENWICK_OK, InitLogEx("", "Pelmora", (dir_ / "second.log").c_str()));
   for (auto& writer : writers) writer.join();
 
-  int whole = 0;
-  std::istringstream lines(ReadFile(dir_ / "first.log") + ReadFile(dir_ / "second.log"));
-  for (std::string line; std::getline(lines, line); ++whole) {
-    ASSERT_TRUE(std::regex_match(line, std::regex(R"(.* \[L1\] \[Pelmora\] writer \d line \d+ end)"))) << line;
+  // The log switched from, then the one switched to, each from its oldest rotation
+  // ("<name>.N.log", highest N) to its active file: every thread's lines whole and in order.
+  const std::regex whole(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[L1\] \[Pelmora\] thread (\d) line (\d+) end)");
+  std::map<int, int> next_line;
+  int total = 0, files = 0;
+  for (const std::string name : {"first", "second"}) {
+    for (int n = QUENWICK_MAX_FILES; n >= 0; --n) {
+      const fs::path file = dir_ / (name + (n == 0 ? "" : "." + std::to_string(n)) + ".log");
+      if (!fs::exists(file)) continue;
+      ++files;
+      EXPECT_LE(fs::file_size(file), static_cast<uintmax_t>(QUENWICK_MAX_FILE_BYTES)) << file;
+      std::ifstream in(file);
+      std::smatch parts;
+      for (std::string line; std::getline(in, line); ++total) {
+        ASSERT_TRUE(std::regex_match(line, parts, whole)) << line;
+        ASSERT_EQ(next_line[std::stoi(parts[1])]++, std::stoi(parts[2])) << line << " in " << file;
+      }
+    }
   }
-  EXPECT_EQ(kThreads * kLines, whole);
+  EXPECT_GT(files, 3) << "the test must make the log rotate";
+  EXPECT_EQ(kThreads * kLines, total);
 }
 
 }  // namespace

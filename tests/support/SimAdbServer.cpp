@@ -2,15 +2,11 @@
 
 #include "LoopbackListener.h"
 
-#include <arpa/inet.h>
-#include <cerrno>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <netinet/in.h>
-#include <poll.h>
 #include <stdexcept>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace sim_adb {
 
@@ -40,87 +36,66 @@ struct SimAdbServer::Connection {
   std::string transport_serial;  // set once "host:transport:" was accepted
   std::atomic<bool> done{false};
 
-  // Waits until the socket is readable; false when woken by Stop.
-  bool WaitReadable() const {
-    pollfd entries[2] = {{fd.get(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
-    for (;;) {
-      int ready = ::poll(entries, 2, -1);
-      if (ready < 0 && errno == EINTR) continue;
-      return ready > 0 && entries[1].revents == 0;
-    }
-  }
+  // False when woken by Stop or when the peer closes first.
   bool ReadExact(std::size_t n, std::string* out) const {
     out->assign(n, '\0');
-    std::size_t have = 0;
-    while (have < n) {
-      if (!WaitReadable()) return false;
-      ssize_t got = ::recv(fd.get(), &(*out)[have], n - have, 0);
+    for (std::size_t have = 0; have < n;) {
+      pollfd entries[2] = {{fd.get(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
+      const int ready = ::poll(entries, 2, -1);
+      if (ready < 0 && errno == EINTR) continue;
+      if (ready <= 0 || entries[1].revents != 0) return false;
+      const ssize_t got = ::recv(fd.get(), &(*out)[have], n - have, 0);
       if (got <= 0) return false;
       have += static_cast<std::size_t>(got);
     }
     return true;
   }
-  bool ReadRequest(std::string* service) const {
-    std::string digits;
-    if (!ReadExact(4, &digits)) return false;
-    std::size_t length = std::strtoul(digits.c_str(), nullptr, 16);
-    return ReadExact(length, service);
-  }
   void Send(const std::string& bytes) const {
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
-      ssize_t n = posix::SendNoSignal(fd.get(), bytes.data() + sent, bytes.size() - sent);
+    for (std::size_t sent = 0; sent < bytes.size();) {
+      const ssize_t n = posix::SendNoSignal(fd.get(), bytes.data() + sent, bytes.size() - sent);
       if (n <= 0) return;
       sent += static_cast<std::size_t>(n);
     }
   }
   void SendFail(const std::string& message) const { Send("FAIL" + Hex4(message.size()) + message); }
-  // Holds the connection until the peer closes it or Stop.
-  void Hold() const {
-    char sink[256];
-    while (WaitReadable() && ::recv(fd.get(), sink, sizeof sink, 0) > 0) {
-    }
-  }
 };
 
 SimAdbServer::SimAdbServer() {
   if (!Listen(0)) throw std::runtime_error("simulated ADB server: cannot listen on loopback");
 }
 
-SimAdbServer::~SimAdbServer() { Stop(); }
-
 bool SimAdbServer::Listen(std::uint16_t port) {
   auto listener = std::make_shared<sim_phone::LoopbackListener>(port, 64);
   if (!listener->ok()) return false;
-  std::lock_guard<std::mutex> lock(mutex_);
   listener_ = listener;
   port_ = listener->port();
-  stopping_ = false;
-  acceptor_ = std::thread([this, listener] { AcceptLoop(*listener); });
+  acceptor_ = std::thread([this, listener] {
+    for (posix::UniqueFd fd = listener->Accept(); fd.ok(); fd = listener->Accept()) {
+      auto connection = std::make_shared<Connection>();
+      connection->fd = std::move(fd);
+      connection->wake_fd = listener->wake_fd();
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (auto it = workers_.begin(); it != workers_.end();) {
+        if (!it->first->done) {
+          ++it;
+          continue;
+        }
+        it->second.join();
+        it = workers_.erase(it);
+      }
+      workers_.emplace_back(connection, std::thread([this, connection] { Serve(*connection); }));
+    }
+  });
   return true;
 }
 
 void SimAdbServer::Stop() {
-  std::vector<Worker> workers;
-  std::shared_ptr<sim_phone::LoopbackListener> listener;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (listener_ == nullptr) return;
-    listener = listener_;
-    stopping_ = true;
-    workers.swap(workers_);
-  }
-  stopped_cv_.notify_all();
-  listener->Wake();
+  if (listener_ == nullptr) return;
+  listener_->Wake();
   acceptor_.join();
-  {
-    // Connections accepted after the swap above.
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& w : workers_) workers.push_back(std::move(w));
-    workers_.clear();
-  }
-  for (auto& w : workers) w.thread.join();
-  std::lock_guard<std::mutex> lock(mutex_);
+  // The acceptor is gone, so nothing else touches workers_ now.
+  for (auto& worker : workers_) worker.second.join();
+  workers_.clear();
   listener_.reset();
 }
 
@@ -129,123 +104,90 @@ bool SimAdbServer::Restart() {
   return Listen(port_);
 }
 
-void SimAdbServer::AcceptLoop(const sim_phone::LoopbackListener& listener) {
-  for (;;) {
-    posix::UniqueFd fd = listener.Accept();
-    if (!fd.ok()) return;
-    auto connection = std::make_shared<Connection>();
-    connection->fd = std::move(fd);
-    connection->wake_fd = listener.wake_fd();
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto it = workers_.begin(); it != workers_.end();) {
-      if (it->connection->done) {
-        it->thread.join();
-        it = workers_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-    workers_.push_back({connection, std::thread([this, connection] { Serve(connection); })});
-  }
-}
-
-void SimAdbServer::Serve(std::shared_ptr<Connection> connection) {
+void SimAdbServer::Serve(Connection& connection) {
+  std::string digits;
   std::string service;
-  while (connection->ReadRequest(&service)) {
+  while (connection.ReadExact(4, &digits) &&
+         connection.ReadExact(std::strtoul(digits.c_str(), nullptr, 16), &service)) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (keep_requests_) requests_.push_back(service);
     }
-    if (!Handle(*connection, service)) break;
+    if (!Handle(connection, service)) break;
   }
-  connection->fd.reset();
-  connection->done = true;
-}
-
-bool SimAdbServer::WaitUnlessStopped(int delay_ms) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  return !stopped_cv_.wait_for(lock, std::chrono::milliseconds(delay_ms), [this] { return stopping_; });
-}
-
-Reaction SimAdbServer::ReactionFor(const std::string& service) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& [prefix, reaction] : reactions_) {
-    if (StartsWith(service, prefix)) return reaction;
-  }
-  return Reaction::Answer();
+  connection.fd.reset();
+  connection.done = true;
 }
 
 bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
-  Reaction reaction = ReactionFor(service);
-  if (reaction.delay_ms > 0 && !WaitUnlessStopped(reaction.delay_ms)) return false;
+  Reaction reaction;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [prefix, scripted] : reactions_) {
+      if (StartsWith(service, prefix)) {
+        reaction = scripted;
+        break;
+      }
+    }
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(reaction.delay_ms));
+  std::string held;
   switch (reaction.kind) {
     case Reaction::Kind::kAnswer:
       return AnswerByDefault(connection, service);
-    case Reaction::Kind::kFail:
-      connection.SendFail(reaction.text);
-      return false;
-    case Reaction::Kind::kClose:
-      return false;
     case Reaction::Kind::kSilent:
-      connection.Hold();
-      return false;
+      while (connection.ReadExact(1, &held)) {
+      }
+      break;
     case Reaction::Kind::kRaw:
       connection.Send(reaction.text);
-      return false;
+      break;
   }
   return false;
 }
 
 bool SimAdbServer::AnswerByDefault(Connection& connection, const std::string& service) {
-  std::unique_lock<std::mutex> lock(mutex_);
+  const std::string transport = "host:transport:";
+  const std::string getprop = "shell:getprop ";
   if (service == "host:version") {
-    lock.unlock();
     connection.Send("OKAY00040029");
-    return false;
-  }
-  if (service == "host:devices") {
+  } else if (service == "host:devices") {
     std::string payload;
-    for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n";
-    lock.unlock();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n";
+    }
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
-    return false;
-  }
-  if (StartsWith(service, "host:transport:")) {
-    std::string serial = service.substr(15);
-    for (const auto& d : devices_) {
-      if (d.serial != serial) continue;
-      std::string state = d.state;
-      lock.unlock();
-      if (state == "device") {
-        connection.transport_serial = serial;
-        connection.Send("OKAY");
-        return true;
-      }
-      connection.SendFail(state == "unauthorized" ? kUnauthorizedMessage : "device " + state);
-      return false;
+  } else if (StartsWith(service, transport)) {
+    const std::string serial = service.substr(transport.size());
+    const std::optional<Device> device = Find(serial);
+    if (device && device->state == "device") {
+      connection.transport_serial = serial;
+      connection.Send("OKAY");
+      return true;
     }
-    lock.unlock();
-    connection.SendFail("device '" + serial + "' not found");
-    return false;
-  }
-  if (StartsWith(service, "shell:") && !connection.transport_serial.empty()) {
+    connection.SendFail(!device                          ? "device '" + serial + "' not found"
+                        : device->state == "unauthorized" ? kUnauthorizedMessage
+                                                          : "device " + device->state);
+  } else if (StartsWith(service, getprop) && !connection.transport_serial.empty()) {
     std::string printed;
-    const std::string getprop = "shell:getprop ";
-    if (StartsWith(service, getprop)) {
-      for (const auto& d : devices_) {
-        if (d.serial != connection.transport_serial) continue;
-        auto found = d.properties.find(service.substr(getprop.size()));
-        if (found != d.properties.end()) printed = found->second;
-      }
-      printed += "\n";
+    if (const std::optional<Device> device = Find(connection.transport_serial)) {
+      const auto found = device->properties.find(service.substr(getprop.size()));
+      if (found != device->properties.end()) printed = found->second;
     }
-    lock.unlock();
-    connection.Send("OKAY" + printed);
-    return false;
+    connection.Send("OKAY" + printed + "\n");
+  } else {
+    connection.SendFail("unknown host service");
   }
-  lock.unlock();
-  connection.SendFail("unknown host service");
   return false;
+}
+
+std::optional<Device> SimAdbServer::Find(const std::string& serial) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const Device& d : devices_) {
+    if (d.serial == serial) return d;
+  }
+  return std::nullopt;
 }
 
 void SimAdbServer::SetDevices(std::vector<Device> devices) {
@@ -266,11 +208,6 @@ void SimAdbServer::ClearReactions() {
 void SimAdbServer::KeepRequests(bool keep) {
   std::lock_guard<std::mutex> lock(mutex_);
   keep_requests_ = keep;
-}
-
-std::vector<std::string> SimAdbServer::Requests() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_;
 }
 
 int SimAdbServer::RequestCount(const std::string& service_prefix) const {

@@ -9,12 +9,11 @@
 // React() overrides that for services that start with a given prefix.
 #pragma once
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -26,27 +25,25 @@ class LoopbackListener;
 
 namespace sim_adb {
 
+// A length as the protocol frames it: four hexadecimal digits.
+std::string Hex4(std::size_t n);
+
 struct Reaction {
   enum class Kind {
     kAnswer,  // the default behaviour above
-    kFail,    // FAIL with `text` as the message, then close
-    kClose,   // close without a byte
     kSilent,  // keep the connection open and never answer (until Stop or the peer closes)
-    kRaw,     // send `text` as it is, then close (cut or malformed replies)
+    kRaw,     // send `text` as it is, then close: cut or malformed replies ("" closes at once)
   };
   Kind kind = Kind::kAnswer;
   std::string text;
-  int delay_ms = 0;  // waited before reacting (cut short by Stop)
+  int delay_ms = 0;  // waited before reacting
 
   static Reaction Answer(int delay_ms = 0) { return {Kind::kAnswer, "", delay_ms}; }
-  static Reaction Fail(std::string message) { return {Kind::kFail, std::move(message), 0}; }
-  static Reaction Close() { return {Kind::kClose, "", 0}; }
   static Reaction Silent() { return {Kind::kSilent, "", 0}; }
   static Reaction Raw(std::string bytes) { return {Kind::kRaw, std::move(bytes), 0}; }
+  // FAIL with the message, then close.
+  static Reaction Fail(const std::string& message) { return Raw("FAIL" + Hex4(message.size()) + message); }
 };
-
-// A length as the protocol frames it: four hexadecimal digits.
-std::string Hex4(std::size_t n);
 
 struct Device {
   std::string serial;
@@ -58,7 +55,7 @@ class SimAdbServer {
  public:
   // Listens on 127.0.0.1 at a port the system picks.
   SimAdbServer();
-  ~SimAdbServer();
+  ~SimAdbServer() { Stop(); }
   SimAdbServer(const SimAdbServer&) = delete;
   SimAdbServer& operator=(const SimAdbServer&) = delete;
 
@@ -74,39 +71,32 @@ class SimAdbServer {
   void React(const std::string& service_prefix, Reaction reaction);
   void ClearReactions();
 
-  // Every service text received, in order; Requests() stays empty after KeepRequests(false), so
-  // that a long run holds no growing record.
-  std::vector<std::string> Requests() const;
-  void KeepRequests(bool keep);
+  // How many services starting with the prefix were received ("" counts all). After
+  // KeepRequests(false) nothing is recorded, so that a long run holds no growing record.
   int RequestCount(const std::string& service_prefix) const;
+  void KeepRequests(bool keep);
 
  private:
   struct Connection;
   bool Listen(std::uint16_t port);
-  void AcceptLoop(const sim_phone::LoopbackListener& listener);
-  void Serve(std::shared_ptr<Connection> connection);
+  void Serve(Connection& connection);
   // Returns false when the connection is finished.
   bool Handle(Connection& connection, const std::string& service);
   bool AnswerByDefault(Connection& connection, const std::string& service);
-  Reaction ReactionFor(const std::string& service) const;
-  bool WaitUnlessStopped(int delay_ms);
+  std::optional<Device> Find(const std::string& serial) const;
 
   mutable std::mutex mutex_;
-  std::condition_variable stopped_cv_;
   std::vector<Device> devices_;
   std::vector<std::pair<std::string, Reaction>> reactions_;
   std::vector<std::string> requests_;
   bool keep_requests_ = true;
 
+  // Touched by the controlling thread only (workers_ also by the acceptor, under mutex_).
   std::uint16_t port_ = 0;
   std::shared_ptr<sim_phone::LoopbackListener> listener_;  // woken by Stop so blocked threads return
-  bool stopping_ = false;
   std::thread acceptor_;
-  struct Worker {
-    std::shared_ptr<Connection> connection;
-    std::thread thread;
-  };
-  std::vector<Worker> workers_;  // finished ones are joined as new connections come
+  // Finished ones are joined as new connections come.
+  std::vector<std::pair<std::shared_ptr<Connection>, std::thread>> workers_;
 };
 
 }  // namespace sim_adb
