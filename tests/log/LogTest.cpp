@@ -2,34 +2,26 @@
 // source with a small size bound (QUENWICK_MAX_FILE_BYTES) and enough rotated files
 // (QUENWICK_MAX_FILES) to keep every line, so that a test can make it rotate many times.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Quenwick.h"
+#include "TempDir.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-std::string ReadFile(const fs::path& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
 class LogFiles : public ::testing::Test {
  protected:
-  void SetUp() override { fs::remove_all(dir_); }
-  void TearDown() override { fs::remove_all(dir_); }
-  const fs::path dir_ = fs::temp_directory_path() / ("quenwick-test-" + std::to_string(::getpid()));
+  TempDir temp_;
+  const fs::path dir_ = temp_.path();
 };
 
 // First in the file, so that it runs before any other test opens a log; it ends with none open.

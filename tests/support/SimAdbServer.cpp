@@ -2,10 +2,12 @@
 
 #include "LoopbackListener.h"
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
+#include <optional>
 #include <stdexcept>
 
 namespace sim_adb {
@@ -33,7 +35,7 @@ std::string Hex4(std::size_t n) {
 struct SimAdbServer::Connection {
   posix::UniqueFd fd;
   int wake_fd = -1;
-  std::string transport_serial;  // set once "host:transport:" was accepted
+  std::optional<Device> device;  // the one "host:transport:" switched to
   std::atomic<bool> done{false};
 
   // False when woken by Stop or when the peer closes first.
@@ -50,13 +52,8 @@ struct SimAdbServer::Connection {
     }
     return true;
   }
-  void Send(const std::string& bytes) const {
-    for (std::size_t sent = 0; sent < bytes.size();) {
-      const ssize_t n = posix::SendNoSignal(fd.get(), bytes.data() + sent, bytes.size() - sent);
-      if (n <= 0) return;
-      sent += static_cast<std::size_t>(n);
-    }
-  }
+  // A blocking socket takes a whole reply in one call; a peer that left gets nothing.
+  void Send(const std::string& bytes) const { posix::SendNoSignal(fd.get(), bytes.data(), bytes.size()); }
   void SendFail(const std::string& message) const { Send("FAIL" + Hex4(message.size()) + message); }
 };
 
@@ -75,13 +72,9 @@ bool SimAdbServer::Listen(std::uint16_t port) {
       connection->fd = std::move(fd);
       connection->wake_fd = listener->wake_fd();
       std::lock_guard<std::mutex> lock(mutex_);
+      // Finished connections are joined here, so that a long run holds no growing list.
       for (auto it = workers_.begin(); it != workers_.end();) {
-        if (!it->first->done) {
-          ++it;
-          continue;
-        }
-        it->second.join();
-        it = workers_.erase(it);
+        it = it->first->done ? (it->second.join(), workers_.erase(it)) : std::next(it);
       }
       workers_.emplace_back(connection, std::thread([this, connection] { Serve(*connection); }));
     }
@@ -108,12 +101,8 @@ void SimAdbServer::Serve(Connection& connection) {
   std::string digits;
   std::string service;
   while (connection.ReadExact(4, &digits) &&
-         connection.ReadExact(std::strtoul(digits.c_str(), nullptr, 16), &service)) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (keep_requests_) requests_.push_back(service);
-    }
-    if (!Handle(connection, service)) break;
+         connection.ReadExact(std::strtoul(digits.c_str(), nullptr, 16), &service) &&
+         Handle(connection, service)) {
   }
   connection.fd.reset();
   connection.done = true;
@@ -123,30 +112,20 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
   Reaction reaction;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& [prefix, scripted] : reactions_) {
-      if (StartsWith(service, prefix)) {
-        reaction = scripted;
-        break;
-      }
+    if (keep_requests_) requests_.push_back(service);
+    const auto scripted = std::find_if(reactions_.begin(), reactions_.end(),
+                                       [&](const auto& r) { return StartsWith(service, r.first); });
+    if (scripted != reactions_.end()) reaction = scripted->second;
+  }
+  if (reaction.kind == Reaction::Kind::kSilent) {
+    for (std::string held; connection.ReadExact(1, &held);) {
     }
+    return false;
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(reaction.delay_ms));
-  std::string held;
-  switch (reaction.kind) {
-    case Reaction::Kind::kAnswer:
-      return AnswerByDefault(connection, service);
-    case Reaction::Kind::kSilent:
-      while (connection.ReadExact(1, &held)) {
-      }
-      break;
-    case Reaction::Kind::kRaw:
-      connection.Send(reaction.text);
-      break;
+  if (reaction.kind == Reaction::Kind::kRaw) {
+    connection.Send(reaction.text);
+    return false;
   }
-  return false;
-}
-
-bool SimAdbServer::AnswerByDefault(Connection& connection, const std::string& service) {
   const std::string transport = "host:transport:";
   const std::string getprop = "shell:getprop ";
   if (service == "host:version") {
@@ -160,34 +139,26 @@ bool SimAdbServer::AnswerByDefault(Connection& connection, const std::string& se
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
   } else if (StartsWith(service, transport)) {
     const std::string serial = service.substr(transport.size());
-    const std::optional<Device> device = Find(serial);
+    std::unique_lock<std::mutex> lock(mutex_);
+    const auto listed = std::find_if(devices_.begin(), devices_.end(), [&](const Device& d) { return d.serial == serial; });
+    const std::optional<Device> device = listed == devices_.end() ? std::nullopt : std::optional<Device>(*listed);
+    lock.unlock();
     if (device && device->state == "device") {
-      connection.transport_serial = serial;
+      connection.device = device;
       connection.Send("OKAY");
       return true;
     }
     connection.SendFail(!device                          ? "device '" + serial + "' not found"
                         : device->state == "unauthorized" ? kUnauthorizedMessage
                                                           : "device " + device->state);
-  } else if (StartsWith(service, getprop) && !connection.transport_serial.empty()) {
-    std::string printed;
-    if (const std::optional<Device> device = Find(connection.transport_serial)) {
-      const auto found = device->properties.find(service.substr(getprop.size()));
-      if (found != device->properties.end()) printed = found->second;
-    }
-    connection.Send("OKAY" + printed + "\n");
+  } else if (StartsWith(service, getprop) && connection.device) {
+    const auto& properties = connection.device->properties;
+    const auto found = properties.find(service.substr(getprop.size()));
+    connection.Send("OKAY" + (found == properties.end() ? std::string() : found->second) + "\n");
   } else {
     connection.SendFail("unknown host service");
   }
   return false;
-}
-
-std::optional<Device> SimAdbServer::Find(const std::string& serial) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (const Device& d : devices_) {
-    if (d.serial == serial) return d;
-  }
-  return std::nullopt;
 }
 
 void SimAdbServer::SetDevices(std::vector<Device> devices) {

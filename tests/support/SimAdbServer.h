@@ -1,19 +1,15 @@
-// A simulated ADB server: a thread on a loopback port that speaks the host protocol with
-// scripted answers, so that every path of an ADB client (and of whatever polls through one) has
-// a fast, deterministic test. Safe to script from any thread while it serves.
-//
-// By default it answers like adb does: "host:version" with 0x29, "host:devices" with the scripted
-// list, "host:transport:<serial>" with OKAY for a listed "device" (FAIL "device offline",
-// "device unauthorized..." or "device '<serial>' not found" otherwise), and after a transport
-// "shell:getprop <name>" with the scripted value and "\n", then end of stream.
-// React() overrides that for services that start with a given prefix.
+// A simulated ADB server on a loopback port, with scripted answers: every path of an ADB client
+// gets a fast, deterministic test. By default it answers as adb does: "host:version" with 0x29,
+// "host:devices" with the scripted list, "host:transport:<serial>" with OKAY for a listed "device"
+// (FAIL "device offline", "device unauthorized..." or "device '<serial>' not found" otherwise),
+// then "shell:getprop <name>" with the value and "\n". React() overrides that for services that
+// start with a given prefix. Safe to script from any thread while it serves.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -36,11 +32,10 @@ struct Reaction {
   };
   Kind kind = Kind::kAnswer;
   std::string text;
-  int delay_ms = 0;  // waited before reacting
 
-  static Reaction Answer(int delay_ms = 0) { return {Kind::kAnswer, "", delay_ms}; }
-  static Reaction Silent() { return {Kind::kSilent, "", 0}; }
-  static Reaction Raw(std::string bytes) { return {Kind::kRaw, std::move(bytes), 0}; }
+  static Reaction Answer() { return {Kind::kAnswer, ""}; }
+  static Reaction Silent() { return {Kind::kSilent, ""}; }
+  static Reaction Raw(std::string bytes) { return {Kind::kRaw, std::move(bytes)}; }
   // FAIL with the message, then close.
   static Reaction Fail(const std::string& message) { return Raw("FAIL" + Hex4(message.size()) + message); }
 };
@@ -82,8 +77,6 @@ class SimAdbServer {
   void Serve(Connection& connection);
   // Returns false when the connection is finished.
   bool Handle(Connection& connection, const std::string& service);
-  bool AnswerByDefault(Connection& connection, const std::string& service);
-  std::optional<Device> Find(const std::string& serial) const;
 
   mutable std::mutex mutex_;
   std::vector<Device> devices_;
@@ -95,7 +88,6 @@ class SimAdbServer {
   std::uint16_t port_ = 0;
   std::shared_ptr<sim_phone::LoopbackListener> listener_;  // woken by Stop so blocked threads return
   std::thread acceptor_;
-  // Finished ones are joined as new connections come.
   std::vector<std::pair<std::shared_ptr<Connection>, std::thread>> workers_;
 };
 

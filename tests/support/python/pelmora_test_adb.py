@@ -20,32 +20,24 @@ def expect(condition, message):
         sys.exit("FAILED: " + message)
 
 
-def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
 class PrivateAdb:
     """A real adb server on a port of its own; env is what a client of it runs with."""
 
     def __init__(self, work):
-        self.port = free_port()
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+            s.bind(("127.0.0.1", 0))
+            self.port = s.getsockname()[1]
         home = os.path.join(work, "home")
         os.makedirs(home, exist_ok=True)
         # ADB_EMU=0: no look at the emulator ports, which other tests' phones may hold.
         self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port), ADB_EMU="0")
         self.env.pop("ADB_VENDOR_KEYS", None)
 
-    def adb(self, *args, check=True):
-        return run(["adb", "-P", str(self.port)] + list(args), env=self.env, timeout=30,
-                   check=check)
-
     def start(self):
-        self.adb("start-server")
+        run(["adb", "-P", str(self.port), "start-server"], env=self.env, timeout=30)
 
     def kill(self):
-        self.adb("kill-server", check=False)
+        run(["adb", "-P", str(self.port), "kill-server"], env=self.env, timeout=30, check=False)
 
 
 class SimPhone:
