@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -71,6 +72,10 @@ class Logged : public ::testing::Test {
     ASSERT_EQ(InitLogEx(dir_.path().c_str(), "Test", log_path_.c_str()), 0);
   }
   std::string LogText() const { return ReadFile(log_path_); }
+  // AdbSdkInit with this folder for configuration and logs.
+  int Init(const std::string& resource) {
+    return AdbSdkInit(resource.c_str(), dir_.path().c_str(), dir_.path().c_str());
+  }
 
   TempDir dir_;
   std::string log_path_;
@@ -95,8 +100,7 @@ class AdbClientTest : public Logged {
 };
 
 TEST_F(AdbClientTest, ListRepliesGiveTheirTextOrTheirCode) {
-  std::string serial(259, 's');
-  serial[0] = 'X';
+  const std::string serial = "X" + std::string(258, 's');
   const std::string loose = serial + "\tdevice\r\n\nZ9\trecovery";
   const std::string why = "(user in plugdev group; are your udev rules wrong?); "
                           "see [http://developer.android.com/tools/device.html]";
@@ -163,7 +167,7 @@ TEST_F(AdbClientTest, PropertyReadsGiveTheTextWithoutLineBreaksOrTheirCode) {
     Reaction shell;  // how "shell:" is answered
     Query query;
     const char* serial;
-    int size;
+    int size;  // of the buffer
     std::string expected;
   } cases[] = {
       {Reaction::Answer(), AdbGetPhoneSoftVersion, "R58M", 100, "13"},
@@ -219,8 +223,7 @@ TEST_F(AdbClientTest, PhoneThatNeverAnswersOrIsUnknownIsNotAskedAgainDuringItsCo
   }
   EXPECT_EQ(server_.RequestCount(""), requests) << "answered from memory";
   // A device that says why it cannot answer now is asked every time.
-  EXPECT_EQ(Read(AdbGetPhoneManufacturer, "LOCKED"), fail);
-  EXPECT_EQ(Read(AdbGetPhoneManufacturer, "LOCKED"), fail);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(Read(AdbGetPhoneManufacturer, "LOCKED"), fail);
   EXPECT_EQ(server_.RequestCount(""), requests + 2);
 
   server_.ClearReactions();
@@ -229,17 +232,13 @@ TEST_F(AdbClientTest, PhoneThatNeverAnswersOrIsUnknownIsNotAskedAgainDuringItsCo
 }
 
 TEST_F(AdbClientTest, ThreeThreadsAtOnceEachGetTheirOwnAnswers) {
-  std::vector<std::thread> threads;
+  const std::function<bool()> calls[] = {[] { return List() == kListed; },
+                                         [] { return Read(AdbGetPhoneProductModel, "R58M") == "SM-G991B"; },
+                                         [] { return Read(AdbGetPhoneManufacturer, "R58M") == "samsung"; }};
   std::vector<int> failures(3, 0);
-  for (int t = 0; t < 3; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 40; ++i) {
-        bool ok = (t == 0) ? List() == kListed
-                 : (t == 1) ? Read(AdbGetPhoneProductModel, "R58M") == "SM-G991B"
-                            : Read(AdbGetPhoneManufacturer, "R58M") == "samsung";
-        failures[static_cast<std::size_t>(t)] += ok ? 0 : 1;
-      }
-    });
+  std::vector<std::thread> threads;
+  for (std::size_t t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] { for (int i = 0; i < 40; ++i) failures[t] += calls[t]() ? 0 : 1; });
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(failures, std::vector<int>(3, 0));
@@ -256,12 +255,7 @@ struct FakeAdb {
   TempDir dir;
 };
 
-class StartDaemonTest : public Logged {
- protected:
-  int Init(const std::string& resource) {
-    return AdbSdkInit(resource.c_str(), dir_.path().c_str(), dir_.path().c_str());
-  }
-};
+using StartDaemonTest = Logged;
 
 TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
   EXPECT_EQ(AdbSdkInit(nullptr, "/", "/"), TARNWELL_ERR_BAD_ARGUMENT);
@@ -281,11 +275,8 @@ TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
 
 TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled) {
   const struct {
-    bool serve;   // a simulated server listens on the port
-    bool silent;  // and never answers "host:version"
-    int flag;
-    int adb_exit;
-    int code;
+    bool serve, silent;  // a simulated server listens on the port; it never answers "host:version"
+    int flag, adb_exit, code;
     bool runs_adb;
   } cases[] = {
       {true, false, 1, 0, 0, false},
@@ -328,7 +319,7 @@ class RealAdbTest : public Logged {
     Logged::SetUp();
     server_.ApplyToThisProcess();
     // No adb in the folder: Debian's on PATH is used.
-    ASSERT_EQ(AdbSdkInit(dir_.path().c_str(), dir_.path().c_str(), dir_.path().c_str()), 0);
+    ASSERT_EQ(Init(dir_.path()), 0);
     EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
     ASSERT_EQ(AdbStartDaemon(1, 0), 0) << LogText();
     // Asking again spawns nothing new.
@@ -375,26 +366,24 @@ TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
   EXPECT_TRUE(Listed(serial, false)) << List();
   EXPECT_EQ(Read(AdbGetPhoneProductModel, serial), Err(TARNWELL_ERR_SERVER_FAIL));
 
+  // A phone in recovery is listed so; adb's own client speaks the framed shell (shell,v2) to it.
+  sim_phone::PhoneConfig recovery;
+  recovery.banner_kind = "recovery";
+  recovery.extra_properties["ro.serialno"] = "SIM0001";
+  sim_phone::SimPhone second(recovery);
+  server_.Connect(second.port());
+  ASSERT_TRUE(Listed(second.serial() + "-recovery;")) << List();
+  auto run = server_.Adb({"-s", second.serial(), "shell", "getprop", "ro.serialno"});
+  EXPECT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_EQ(run.output, "SIM0001\n");
+  ASSERT_FALSE(second.OpenedServices().empty());
+  EXPECT_EQ(second.OpenedServices().back().rfind("shell,v2,", 0), 0u) << second.OpenedServices().back();
+
   // A server killed behind the library's back is started again when the host says so.
   server_.KillServer();
   EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
   ASSERT_EQ(AdbStartDaemon(0, 0), 0) << LogText();
   EXPECT_EQ(List().rfind("ERR", 0), std::string::npos);
-}
-
-TEST_F(RealAdbTest, BannerKindIsTheStateAndAdbsOwnShellReadsTheProperties) {
-  sim_phone::PhoneConfig config;
-  config.banner_kind = "recovery";
-  config.extra_properties["ro.serialno"] = "SIM0001";
-  sim_phone::SimPhone phone(config);
-  server_.Connect(phone.port());
-  ASSERT_TRUE(Listed(phone.serial() + "-recovery;")) << List();
-  // adb's own client speaks the framed shell (shell,v2) to a phone that offers it.
-  auto run = server_.Adb({"-s", phone.serial(), "shell", "getprop", "ro.serialno"});
-  EXPECT_EQ(run.exit_code, 0) << run.output;
-  EXPECT_EQ(run.output, "SIM0001\n");
-  ASSERT_FALSE(phone.OpenedServices().empty());
-  EXPECT_EQ(phone.OpenedServices().back().rfind("shell,v2,", 0), 0u) << phone.OpenedServices().back();
 }
 
 }  // namespace

@@ -15,10 +15,8 @@ namespace sim_adb {
 namespace {
 
 const char kUnauthorizedMessage[] =
-    "device unauthorized.\n"
-    "This adb server's $ADB_VENDOR_KEYS is not set\n"
-    "Try 'adb kill-server' if that seems wrong.\n"
-    "Otherwise check for a confirmation dialog on your device.";
+    "device unauthorized.\nThis adb server's $ADB_VENDOR_KEYS is not set\nTry 'adb kill-server' if "
+    "that seems wrong.\nOtherwise check for a confirmation dialog on your device.";
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
@@ -140,8 +138,10 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
   } else if (StartsWith(service, transport)) {
     const std::string serial = service.substr(transport.size());
     std::unique_lock<std::mutex> lock(mutex_);
-    const auto listed = std::find_if(devices_.begin(), devices_.end(), [&](const Device& d) { return d.serial == serial; });
-    const std::optional<Device> device = listed == devices_.end() ? std::nullopt : std::optional<Device>(*listed);
+    const auto listed = std::find_if(devices_.begin(), devices_.end(),
+                                     [&](const Device& d) { return d.serial == serial; });
+    const std::optional<Device> device =
+        listed == devices_.end() ? std::nullopt : std::optional<Device>(*listed);
     lock.unlock();
     if (device && device->state == "device") {
       connection.device = device;

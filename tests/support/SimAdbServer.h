@@ -48,11 +48,9 @@ struct Device {
 
 class SimAdbServer {
  public:
-  // Listens on 127.0.0.1 at a port the system picks.
+  // Listens on 127.0.0.1 at a port the system picks. Neither copied nor moved (it holds a mutex).
   SimAdbServer();
   ~SimAdbServer() { Stop(); }
-  SimAdbServer(const SimAdbServer&) = delete;
-  SimAdbServer& operator=(const SimAdbServer&) = delete;
 
   std::uint16_t port() const { return port_; }
 

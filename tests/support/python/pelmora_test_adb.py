@@ -41,8 +41,7 @@ class PrivateAdb:
 
 
 class SimPhone:
-    """pelmora-sim-phone attached to the private server with 'adb connect'; commands go to its
-    stdin (authorize, leave, return, quit)."""
+    """pelmora-sim-phone attached with 'adb connect'; command() writes to its stdin (authorize, leave...)."""
 
     def __init__(self, program, adb, model, *extra):
         self.process = subprocess.Popen(
