@@ -52,7 +52,7 @@ struct SimAdbServer::Connection {
   }
   // A blocking socket takes a whole reply in one call; a peer that left gets nothing.
   void Send(const std::string& bytes) const { posix::SendNoSignal(fd.get(), bytes.data(), bytes.size()); }
-  void SendFail(const std::string& message) const { Send("FAIL" + Hex4(message.size()) + message); }
+  void SendFail(const std::string& message) const { Send(Reaction::Fail(message).text); }
 };
 
 SimAdbServer::SimAdbServer() {
