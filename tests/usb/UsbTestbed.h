@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -49,11 +48,8 @@ class UsbTestbed {
   // Sends one uevent ("add", "remove", "change") for a device that stays in sysfs.
   void SendUevent(const std::string& syspath, const char* action);
 
-  // Control transfers answered so far, as (wValue, wIndex, wLength).
-  struct Transfer {
-    uint16_t wValue, wIndex, wLength;
-  };
-  std::vector<Transfer> Transfers();
+  // Control transfers the device nodes have seen so far, answered or failed.
+  int Transfers();
 
   struct Handler;  // one per device node
 
