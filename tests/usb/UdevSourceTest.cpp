@@ -85,25 +85,20 @@ TEST_F(UdevSource, AttachedAddedRemovedAndSeenAgainAfterARestart) {
   testbed_->Plug(Phone(3, "unused", no_serial));
   testbed_->Plug(Phone(4, "EARLY-TWO"));
   Start();
-  auto table = watcher_->CopyUSBDeviceMap();
+  const auto table = watcher_->CopyUSBDeviceMap();
   ASSERT_EQ(table.size(), 2u);
   EXPECT_EQ(table.at("early-two").serial, "EARLY-TWO");
   EXPECT_EQ(table.at("early-one").vid, kAndroidVid);
   EXPECT_EQ(table.at("early-one").pid, kPlainPid);
 
   testbed_->Plug(Phone(5, "unused", no_serial));
-  const std::string one = PlugAndWait(Phone(6, "one"));
-  PlugAndWait(Phone(7, "two"));
-  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 4u) << "the devices without serial left no trace";
-  testbed_->Unplug(one);
+  testbed_->Unplug(PlugAndWait(Phone(6, "one")));
   ASSERT_TRUE(WaitFor([&] { return !Has("one"); }));
+  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices without serial left no trace";
 
   watcher_->StopListen();
-  EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty());
   Start();
-  table = watcher_->CopyUSBDeviceMap();
-  EXPECT_EQ(table.size(), 3u) << "the devices still attached, again";
-  EXPECT_EQ(table.count("two"), 1u);
+  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices still attached, again";
   PlugAndWait(Phone(8, "after"));
 }
 
