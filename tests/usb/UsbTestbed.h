@@ -15,10 +15,8 @@
 struct SimulatedUsbDevice {
   int number = 0;  // device address on bus 1; also names the sysfs path
   std::optional<std::string> serial;
-  uint16_t vid = 0;
-  uint16_t pid = 0;
-  uint8_t manufacturer_index = 1;
-  uint8_t product_index = 2;
+  uint16_t vid = 0, pid = 0;
+  uint8_t manufacturer_index = 1, product_index = 2;
   // The kernel's UTF-8 copies in sysfs; absent attributes when not set.
   std::optional<std::string> sysfs_manufacturer;
   std::optional<std::string> sysfs_product;
