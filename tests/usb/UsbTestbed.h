@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,10 +15,8 @@
 struct SimulatedUsbDevice {
   int number = 0;  // device address on bus 1; also names the sysfs path
   std::optional<std::string> serial;
-  uint16_t vid = 0;
-  uint16_t pid = 0;
-  uint8_t manufacturer_index = 1;
-  uint8_t product_index = 2;
+  uint16_t vid = 0, pid = 0;
+  uint8_t manufacturer_index = 1, product_index = 2;
   // The kernel's UTF-8 copies in sysfs; absent attributes when not set.
   std::optional<std::string> sysfs_manufacturer;
   std::optional<std::string> sysfs_product;
@@ -49,11 +46,8 @@ class UsbTestbed {
   // Sends one uevent ("add", "remove", "change") for a device that stays in sysfs.
   void SendUevent(const std::string& syspath, const char* action);
 
-  // Control transfers answered so far, as (wValue, wIndex, wLength).
-  struct Transfer {
-    uint16_t wValue, wIndex, wLength;
-  };
-  std::vector<Transfer> Transfers();
+  // Control transfers the device nodes have seen so far, answered or failed.
+  int Transfers();
 
   struct Handler;  // one per device node
 

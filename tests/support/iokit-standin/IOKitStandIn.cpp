@@ -16,7 +16,6 @@
 #include <IOKit/usb/IOUSBLib.h>
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -28,10 +27,15 @@
 
 #include "UsbPlatform.h"
 
+namespace {
+int cf_objects = 0;  // made and not yet released, constants aside; guarded by g.mutex
+}  // namespace
+
 // Every CF object; the distinct types of the headers share its fields.
 struct CFObject {
-  CFObject(CFTypeID t, std::string s = {}, bool is_constant = false);
-  virtual ~CFObject();
+  CFObject(CFTypeID t, std::string s = {}, bool is_constant = false)
+      : type(t), text(std::move(s)), constant(is_constant) { cf_objects += !constant; }
+  virtual ~CFObject() { cf_objects -= !constant; }
   CFTypeID type;
   std::string text;  // a string's text, a matching dictionary's class name, a UUID's bytes
   bool constant;
@@ -53,8 +57,6 @@ struct __CFRunLoop {
 };
 struct IONotificationPort { CFRunLoopSourceRef source; };
 
-bool operator==(const CFUUIDBytes& a, const CFUUIDBytes& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
-
 namespace {
 
 using iokit_standin::Device;
@@ -74,19 +76,17 @@ using PlugInObject = ComObject<IOCFPlugInInterface>;
 using DeviceObject = ComObject<IOUSBDeviceInterface942>;
 
 struct Object {
-  enum Kind { kService, kIterator, kInterest };
-  Object(Kind k, Device d = {}) : kind(k), device(std::move(d)) {}
-  Kind kind;
-  Device device;               // kService, and the device a kInterest is about
-  std::deque<Device> pending;  // kIterator
+  enum Kind { kService, kIterator, kInterest } kind;
+  Device device = {};               // kService, and the device a kInterest is about
+  std::deque<Device> pending = {};  // kIterator
   bool armed = false;          // kIterator: drained since the last announcement
   IOServiceMatchingCallback added = nullptr;
   IOServiceInterestCallback interest = nullptr;
   void* refCon = nullptr;
 };
 
+// A plug (messageType 0) or a message about a device.
 struct Event {
-  bool plug;
   Device device;
   uint32_t messageType;
 };
@@ -97,8 +97,7 @@ struct State {
   iokit_standin::World* world = nullptr;
   std::map<io_object_t, Object> objects;
   io_object_t next_handle = 1;
-  int cf_objects = 0, plugins = 0, interfaces = 0;
-  std::atomic<int> platforms{0};
+  int plugins = 0, interfaces = 0, platforms = 0;
   std::deque<Event> events;
   bool busy = false;
   std::map<std::string, CFObject*> constants;  // interned CFSTR texts and UUIDs
@@ -126,14 +125,6 @@ Object* Find(io_object_t handle, Object::Kind kind) {
 void ReleaseLocked(CFTypeRef ref) {
   auto* object = static_cast<CFObject*>(const_cast<void*>(ref));
   if (!object->constant && --object->refs == 0) delete object;
-}
-
-void RemoveFromLoop(CFRunLoopSourceRef source) {
-  if (source->loop == nullptr) return;
-  auto& sources = source->loop->sources;
-  sources.erase(std::find(sources.begin(), sources.end(), source));
-  source->loop = nullptr;
-  ReleaseLocked(source);  // the loop's reference
 }
 
 // A constant, made on first use; callers must not hold g.mutex.
@@ -166,7 +157,7 @@ const IOUSBDeviceInterface942 kDeviceTable = [] {
   table.GetConfigurationDescriptorPtr = [](void* self, UInt8 index, IOUSBConfigurationDescriptorPtr* out) {
     auto& bytes = static_cast<DeviceObject*>(self)->device.configuration;
     *out = index == 0 ? reinterpret_cast<IOUSBConfigurationDescriptorPtr>(bytes.data()) : nullptr;
-    return *out != nullptr ? kIOReturnSuccess : kIOReturnBadArgument;
+    return *out != nullptr ? kIOReturnSuccess : kIOReturnUnsupported;
   };
   table.DeviceRequestTO = [](void* self, IOUSBDevRequestTO* req) -> IOReturn {
     req->wLenDone = 0;
@@ -191,7 +182,7 @@ const IOCFPlugInInterface kPlugInTable = [] {
     int version = 0;  // of the device interface asked for, 0 for any other
     const std::pair<CFUUIDRef, int> ids[] = {
         {kIOUSBDeviceInterfaceID942, 942}, {kIOUSBDeviceInterfaceID650, 650}, {kIOUSBDeviceInterfaceID500, 500}};
-    for (const auto& [id, v] : ids) version = CFUUIDGetUUIDBytes(id) == iid ? v : version;
+    for (const auto& [id, v] : ids) version = std::memcmp(id->text.data(), &iid, sizeof iid) == 0 ? v : version;
     Lock lock(g.mutex);
     const Device& device = static_cast<PlugInObject*>(self)->device;
     if (version == 0 || version > device.interface_version) return E_NOINTERFACE;
@@ -206,20 +197,20 @@ const IOCFPlugInInterface kPlugInTable = [] {
 
 // Hands one event to the registrations it concerns; called with the lock held.
 void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
+  const bool plug = event.messageType == 0;
   auto& attached = g.world->attached;
-  if (event.plug) attached.push_back(event.device);
+  if (plug) attached.push_back(event.device);
   if (event.messageType == kIOMessageServiceIsTerminated) {
-    attached.erase(std::remove_if(attached.begin(), attached.end(),
-                                  [&](const Device& d) { return d.id == event.device.id; }),
+    attached.erase(std::remove_if(attached.begin(), attached.end(), [&](const Device& d) { return d.id == event.device.id; }),
                    attached.end());
   }
   std::vector<io_object_t> targets;
   for (auto& [handle, object] : g.objects) {
-    if (event.plug && object.kind == Object::kIterator) {
+    if (plug && object.kind == Object::kIterator) {
       object.pending.push_back(event.device);
       if (object.armed) targets.push_back(handle);
       object.armed = false;
-    } else if (!event.plug && object.kind == Object::kInterest && object.device.id == event.device.id) {
+    } else if (!plug && object.kind == Object::kInterest && object.device.id == event.device.id) {
       targets.push_back(handle);
     }
   }
@@ -228,9 +219,9 @@ void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
     const auto found = g.objects.find(target);
     if (found == g.objects.end()) continue;
     const Object registration = found->second;
-    const io_object_t service = event.plug ? 0 : AddObject(Object(Object::kService, registration.device));
+    const io_object_t service = plug ? 0 : AddObject({Object::kService, registration.device});
     lock.unlock();
-    if (event.plug) {
+    if (plug) {
       registration.added(registration.refCon, target);
     } else {
       registration.interest(registration.refCon, service, event.messageType, nullptr);
@@ -241,11 +232,6 @@ void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
 }
 
 }  // namespace
-
-CFObject::CFObject(CFTypeID t, std::string s, bool is_constant) : type(t), text(std::move(s)), constant(is_constant) {
-  g.cf_objects += !constant;
-}
-CFObject::~CFObject() { g.cf_objects -= !constant; }
 
 // --- CoreFoundation ---------------------------------------------------------------------------
 
@@ -290,17 +276,15 @@ void CFRunLoopRun(void) {
   std::unique_lock<std::mutex> lock(g.mutex);
   loop->stopped = false;  // each run starts afresh: an earlier stop is lost
   while (!loop->stopped && !loop->sources.empty()) {
-    const auto fired = std::find_if(loop->sources.begin(), loop->sources.end(),
-                                    [](CFRunLoopSourceRef s) { return s->signalled; });
-    const bool has_port = std::any_of(loop->sources.begin(), loop->sources.end(),
-                                      [](CFRunLoopSourceRef s) { return s->is_port; });
+    const auto has = [&](auto test) { return std::find_if(loop->sources.begin(), loop->sources.end(), test); };
+    const auto fired = has([](CFRunLoopSourceRef s) { return s->signalled; });
     if (fired != loop->sources.end()) {
       (*fired)->signalled = false;
       const CFRunLoopSourceContext context = (*fired)->context;
       lock.unlock();
       if (context.perform != nullptr) context.perform(context.info);
       lock.lock();
-    } else if (!has_port || g.events.empty()) {
+    } else if (has([](CFRunLoopSourceRef s) { return s->is_port; }) == loop->sources.end() || g.events.empty()) {
       g.changed.wait(lock);
     } else {
       const Event event = g.events.front();
@@ -332,11 +316,6 @@ void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopM
   ++source->refs;
 }
 
-// A source is on one loop at most: removing it is invalidating it.
-void CFRunLoopRemoveSource(CFRunLoopRef, CFRunLoopSourceRef source, CFRunLoopMode) {
-  CFRunLoopSourceInvalidate(source);
-}
-
 CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef, CFIndex, CFRunLoopSourceContext* context) {
   Lock lock(g.mutex);
   auto* source = new __CFRunLoopSource(kSource);
@@ -349,9 +328,14 @@ void CFRunLoopSourceSignal(CFRunLoopSourceRef source) {
   source->signalled = true;  // no wake-up: the loop sees it when it next looks
 }
 
+// A source is on one loop at most: invalidating it takes it off, with the loop's reference.
 void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source) {
   Lock lock(g.mutex);
-  RemoveFromLoop(source);
+  if (source->loop == nullptr) return;
+  auto& sources = source->loop->sources;
+  sources.erase(std::find(sources.begin(), sources.end(), source));
+  source->loop = nullptr;
+  ReleaseLocked(source);
 }
 
 // --- IOKit ------------------------------------------------------------------------------------
@@ -366,9 +350,8 @@ IONotificationPortRef IONotificationPortCreate(mach_port_t mainPort) {
 }
 
 void IONotificationPortDestroy(IONotificationPortRef port) {
-  Lock lock(g.mutex);
-  RemoveFromLoop(port->source);
-  ReleaseLocked(port->source);
+  CFRunLoopSourceInvalidate(port->source);
+  CFRelease(port->source);
   delete port;
 }
 
@@ -385,9 +368,9 @@ io_object_t IOIteratorNext(io_iterator_t iterator) {
   Object* it = Find(iterator, Object::kIterator);
   it->armed = it->pending.empty();
   if (it->armed) return 0;
-  Device device = it->pending.front();
+  const io_object_t service = AddObject({Object::kService, it->pending.front()});
   it->pending.pop_front();
-  return AddObject(Object(Object::kService, std::move(device)));
+  return service;
 }
 
 CFMutableDictionaryRef IOServiceMatching(const char* name) {
@@ -403,8 +386,7 @@ kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef, const io_n
   ReleaseLocked(matching);  // consumed on every answer
   if (std::strcmp(type, kIOFirstMatchNotification) != 0 || !usb_devices) return kIOReturnUnsupported;
   if (g.world->add_matching_result != 0) return g.world->add_matching_result;
-  Object it(Object::kIterator);
-  it.pending.assign(g.world->attached.begin(), g.world->attached.end());
+  Object it{Object::kIterator, {}, {g.world->attached.begin(), g.world->attached.end()}};
   it.added = callback;
   it.refCon = refCon;
   *notification = AddObject(std::move(it));
@@ -415,7 +397,7 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef, io_service
                                                const io_name_t type, IOServiceInterestCallback callback,
                                                void* refCon, io_object_t* notification) {
   Lock lock(g.mutex);
-  Object registration(Object::kInterest, Find(service, Object::kService)->device);
+  Object registration{Object::kInterest, Find(service, Object::kService)->device};
   if (std::strcmp(type, kIOGeneralInterest) != 0) return kIOReturnUnsupported;
   if (registration.device.interest_result != 0) return registration.device.interest_result;
   registration.interest = callback;
@@ -453,7 +435,7 @@ kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef 
 namespace iokit_standin {
 
 StringAnswer Text(const std::string& ascii) {
-  StringAnswer answer({static_cast<unsigned char>(2 + 2 * ascii.size()), 3});
+  StringAnswer answer{{static_cast<unsigned char>(2 + 2 * ascii.size()), 3}};
   for (char c : ascii) answer.bytes.insert(answer.bytes.end(), {static_cast<unsigned char>(c), 0});
   return answer;
 }
@@ -471,12 +453,16 @@ World::~World() {
 }
 
 UsbPlatformFactory World::Factory() {
-  return [] { return ++g.platforms, CreateMacUsbPlatform(); };
+  return [] {
+    Lock lock(g.mutex);
+    ++g.platforms;
+    return CreateMacUsbPlatform();
+  };
 }
 
 void World::Plug(const Device& device) {
   Lock lock(g.mutex);
-  g.events.push_back({true, device, 0});
+  g.events.push_back({device, 0});
   g.changed.notify_all();
 }
 
@@ -486,7 +472,7 @@ void World::Message(const std::string& id, uint32_t messageType) {
   Device device;
   device.id = id;
   Lock lock(g.mutex);
-  g.events.push_back({false, device, messageType});
+  g.events.push_back({device, messageType});
   g.changed.notify_all();
 }
 
@@ -497,14 +483,20 @@ bool World::WaitIdle(std::chrono::milliseconds timeout) {
 
 Handles World::Outstanding() {
   Lock lock(g.mutex);
-  Handles held = {{"plug-in", g.plugins}, {"interface", g.interfaces}, {"other", g.cf_objects}};
+  Handles held;
+  const auto add = [&](const char* kind, int count) { if (count != 0) held[kind] += count; };
+  add("plug-in", g.plugins);
+  add("interface", g.interfaces);
+  add("other", cf_objects);
   for (const auto& [handle, object] : g.objects) {
-    ++held[object.kind == Object::kService ? "service" : object.kind == Object::kInterest ? "notification" : "other"];
+    add(object.kind == Object::kService ? "service" : object.kind == Object::kInterest ? "notification" : "other", 1);
   }
-  for (auto it = held.begin(); it != held.end();) it = it->second == 0 ? held.erase(it) : std::next(it);
   return held;
 }
 
-int World::PlatformsCreated() { return g.platforms; }
+int World::PlatformsCreated() {
+  Lock lock(g.mutex);
+  return g.platforms;
+}
 
 }  // namespace iokit_standin

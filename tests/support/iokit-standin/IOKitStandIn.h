@@ -17,11 +17,9 @@ namespace iokit_standin {
 
 // How the device answers one string descriptor request.
 struct StringAnswer {
-  StringAnswer(std::vector<unsigned char> b = {}, int r = 0, std::optional<uint32_t> done = std::nullopt)
-      : bytes(std::move(b)), result(r), wLenDone(done) {}
   std::vector<unsigned char> bytes;
   int result = 0;
-  std::optional<uint32_t> wLenDone;  // bytes.size() unless given
+  std::optional<uint32_t> wLenDone = std::nullopt;  // bytes.size() unless given
 };
 
 struct Device {

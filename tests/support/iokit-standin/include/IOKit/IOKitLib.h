@@ -25,7 +25,6 @@ typedef char io_name_t[128];
 // IOReturn codes: system 0x38 (IOKit), subsystem 0 (common), in the high bits.
 #define kIOReturnSuccess KERN_SUCCESS
 #define kIOReturnNoMemory ((IOReturn)0xE00002BD)
-#define kIOReturnBadArgument ((IOReturn)0xE00002C2)
 #define kIOReturnUnsupported ((IOReturn)0xE00002C7)
 
 #define kIOServicePlane "IOService"
@@ -36,8 +35,8 @@ enum { kIORegistryIterateRecursively = 0x00000001 };
 
 typedef struct IONotificationPort* IONotificationPortRef;
 typedef void (*IOServiceMatchingCallback)(void* refcon, io_iterator_t iterator);
-typedef void (*IOServiceInterestCallback)(void* refcon, io_service_t service,
-                                          uint32_t messageType, void* messageArgument);
+typedef void (*IOServiceInterestCallback)(void* refcon, io_service_t service, uint32_t messageType,
+                                          void* messageArgument);
 
 IONotificationPortRef IONotificationPortCreate(mach_port_t mainPort);
 void IONotificationPortDestroy(IONotificationPortRef notify);
@@ -47,18 +46,14 @@ kern_return_t IOObjectRelease(io_object_t object);
 io_object_t IOIteratorNext(io_iterator_t iterator);
 
 CFMutableDictionaryRef IOServiceMatching(const char* name);
-kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef notifyPort,
-                                               const io_name_t notificationType,
-                                               CFDictionaryRef matching,
-                                               IOServiceMatchingCallback callback, void* refCon,
-                                               io_iterator_t* notification);
-kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notifyPort,
-                                               io_service_t service, const io_name_t interestType,
-                                               IOServiceInterestCallback callback, void* refCon,
-                                               io_object_t* notification);
-CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane,
-                                          CFStringRef key, CFAllocatorRef allocator,
-                                          IOOptionBits options);
+kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef notifyPort, const io_name_t notificationType,
+                                               CFDictionaryRef matching, IOServiceMatchingCallback callback,
+                                               void* refCon, io_iterator_t* notification);
+kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notifyPort, io_service_t service,
+                                               const io_name_t interestType, IOServiceInterestCallback callback,
+                                               void* refCon, io_object_t* notification);
+CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
+                                          CFAllocatorRef allocator, IOOptionBits options);
 
 #ifdef __cplusplus
 }

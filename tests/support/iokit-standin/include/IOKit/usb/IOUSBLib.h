@@ -1,6 +1,6 @@
 // Stand-in: the part of IOUSBLib.h (with USB.h and USBSpec.h) that the macOS USB source uses.
 // The device interface table keeps Apple's slot order up to the last slot used; slots the source
-// never calls are plain pointers of the same size, so every used slot sits at its real offset.
+// never calls are plain pointers.
 #pragma once
 
 #include <IOKit/IOCFPlugIn.h>
@@ -12,46 +12,29 @@ extern "C" {
 #define kIOUSBDeviceClassName "IOUSBDevice"
 #define kUSBSerialNumberString "USB Serial Number"
 
-// 9DC7B780-9EC0-11D4-A54F-000A27052861
 #define kIOUSBDeviceUserClientTypeID                                                           \
   CFUUIDGetConstantUUIDWithBytes(NULL, 0x9D, 0xC7, 0xB7, 0x80, 0x9E, 0xC0, 0x11, 0xD4, 0xA5, \
                                  0x4F, 0x00, 0x0A, 0x27, 0x05, 0x28, 0x61)
-// A33CF047-4B5B-48E2-B57D-0207FCEAE13B
 #define kIOUSBDeviceInterfaceID500                                                             \
   CFUUIDGetConstantUUIDWithBytes(NULL, 0xA3, 0x3C, 0xF0, 0x47, 0x4B, 0x5B, 0x48, 0xE2, 0xB5, \
                                  0x7D, 0x02, 0x07, 0xFC, 0xEA, 0xE1, 0x3B)
-// 4AAC1B2E-24C2-476A-964D-91333534F2CC
 #define kIOUSBDeviceInterfaceID650                                                             \
   CFUUIDGetConstantUUIDWithBytes(NULL, 0x4A, 0xAC, 0x1B, 0x2E, 0x24, 0xC2, 0x47, 0x6A, 0x96, \
                                  0x4D, 0x91, 0x33, 0x35, 0x34, 0xF2, 0xCC)
-// 56AD089D-878D-4BEA-A1F5-2C8DC43E8A98
 #define kIOUSBDeviceInterfaceID942                                                             \
   CFUUIDGetConstantUUIDWithBytes(NULL, 0x56, 0xAD, 0x08, 0x9D, 0x87, 0x8D, 0x4B, 0xEA, 0xA1, \
                                  0xF5, 0x2C, 0x8D, 0xC4, 0x3E, 0x8A, 0x98)
 
 // A control request with its own time limits, in milliseconds.
 typedef struct {
-  UInt8 bmRequestType;
-  UInt8 bRequest;
-  UInt16 wValue;
-  UInt16 wIndex;
-  UInt16 wLength;
+  UInt8 bmRequestType, bRequest;
+  UInt16 wValue, wIndex, wLength;
   void* pData;
-  UInt32 wLenDone;
-  UInt32 noDataTimeout;
-  UInt32 completionTimeout;
+  UInt32 wLenDone, noDataTimeout, completionTimeout;
 } IOUSBDevRequestTO;
 
-typedef struct IOUSBConfigurationDescriptor {
-  UInt8 bLength;
-  UInt8 bDescriptorType;
-  UInt16 wTotalLength;
-  UInt8 bNumInterfaces;
-  UInt8 bConfigurationValue;
-  UInt8 iConfiguration;
-  UInt8 bmAttributes;
-  UInt8 MaxPower;
-} IOUSBConfigurationDescriptor;
+// The source walks a configuration's bytes, and so reads none of its fields by name.
+typedef struct IOUSBConfigurationDescriptor IOUSBConfigurationDescriptor;
 typedef IOUSBConfigurationDescriptor* IOUSBConfigurationDescriptorPtr;
 
 typedef struct IOUSBDeviceStruct942 {
