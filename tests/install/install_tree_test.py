@@ -62,8 +62,7 @@ def main():
         prefix = os.path.join(work, "prefix")
         run(["cmake", "--install", args.build_dir, "--prefix", prefix])
         config = check_installed_tree(prefix, args.libdir)
-        resources = os.path.join(work, "resources")
-        os.makedirs(resources)
+        resources = work  # no adb of its own there: the one on PATH
         adb.start()
         phone = SimPhone(args.sim_phone, adb, "Install Test Phone")
         for host in build_examples(args.source_dir, prefix, args.libdir, work):

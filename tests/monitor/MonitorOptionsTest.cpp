@@ -10,20 +10,19 @@
 namespace {
 
 TEST(XdgDefaults, FollowTheBaseDirectoryRules) {
-  // HOME, XDG_STATE_HOME, XDG_DATA_HOME ("-": unset), the home from the password database, then
+  // HOME, XDG_STATE_HOME, XDG_DATA_HOME (nullptr: unset), the home from the password database, then
   // the log and resource folders. Relative XDG values are invalid: ignored.
   const struct {
     const char *home, *state, *data, *passwd, *logs, *resources;
   } kCases[] = {
-      {"/home/ann", "-", "-", "/unused", "/home/ann/.local/state/pelmora", "/home/ann/.local/share/pelmora"},
+      {"/home/ann", nullptr, nullptr, "/unused", "/home/ann/.local/state/pelmora", "/home/ann/.local/share/pelmora"},
       {"/home/ann", "/var/state", "relative/data", "/unused", "/var/state/pelmora", "/home/ann/.local/share/pelmora"},
-      {"", "-", "/data", "/from/passwd", "/from/passwd/.local/state/pelmora", "/data/pelmora"},
+      {"", nullptr, "/data", "/from/passwd", "/from/passwd/.local/state/pelmora", "/data/pelmora"},
   };
   for (const auto& c : kCases) {
     const std::map<std::string, const char*> env = {{"HOME", c.home}, {"XDG_STATE_HOME", c.state}, {"XDG_DATA_HOME", c.data}};
-    const monitor::FolderDefaults d = monitor::DefaultFolders(
-        [&](const char* name) { return std::string(env.at(name)) == "-" ? nullptr : env.at(name); }, c.passwd,
-        "/usr/share/pelmora/config");
+    const monitor::FolderDefaults d =
+        monitor::DefaultFolders([&](const char* name) { return env.at(name); }, c.passwd, "/usr/share/pelmora/config");
     EXPECT_EQ(std::string(c.logs) + " " + c.resources + " /usr/share/pelmora/config",
               d.log_dir + " " + d.resource_dir + " " + d.config_dir);
   }
@@ -43,9 +42,7 @@ TEST(Arguments, FoldersAndSwitchesInBothSpellingsAndMistakesRefusedWithAReason) 
       {{}, "/cfg /res /log 3000"},
       {{"--config", "/a", "--resources=/b", "--log-dir", "/c d", "--json", "--once", "--wait=0.5"},
        "/a /b(given) /c d json once 500"},
-      {{"--config=/a"}, "/a /res /log 3000"},
-      {{"-h"}, "/cfg /res /log 3000 help"},
-      {{"--version"}, "/cfg /res /log 3000 version"},
+      {{"-h", "--version"}, "/cfg /res /log 3000 help version"},
   };
   for (const auto& [args, options] : kGood) EXPECT_EQ(options, parse(args));
   const std::vector<std::vector<std::string>> kBad = {
@@ -53,11 +50,10 @@ TEST(Arguments, FoldersAndSwitchesInBothSpellingsAndMistakesRefusedWithAReason) 
       {"extra"},           {"--json=yes"},    {"--wait", "0"},   {"--wait", "abc"},
       {"--wait", "1e9"},   {"--wait", "nan"}, {"--wait"},        {"-x"},
       {"--once=x"},        {"--help=x"},      {"--version=1"}};
-  for (const std::vector<std::string>& args : kBad) {
-    const std::string result = parse(args);
-    EXPECT_TRUE(result.rfind("error: ", 0) == 0 && result.size() > 7) << args[0] << ": " << result;
+  for (const std::vector<std::string>& args : kBad) {  // the reason names the argument
+    const std::string result = parse(args), name = args[0].substr(0, args[0].find('='));
+    EXPECT_TRUE(result.rfind("error: ", 0) == 0 && result.find(name) != std::string::npos) << args[0] << ": " << result;
   }
-  EXPECT_NE(std::string::npos, parse({"--frobnicate"}).find("--frobnicate"));
 }
 
 }  // namespace

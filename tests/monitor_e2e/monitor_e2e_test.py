@@ -23,31 +23,16 @@ from pelmora_test_adb import PrivateAdb, SimPhone, expect  # noqa: E402
 WAIT = 20  # seconds for any one expected line
 
 
-def start_reader(stream):
-    """The monitor's stdout, line by line, read on a thread so that every wait below is bounded."""
-    lines = queue.Queue()
-    threading.Thread(target=lambda: [lines.put(line) for line in stream], daemon=True).start()
-    return lines
-
-
 def wait_for(lines, seen, predicate, what):
     deadline = time.monotonic() + WAIT
     try:
         while True:
-            line = lines.get(timeout=max(0.05, deadline - time.monotonic()))
-            seen.append(line)
-            expect(line.endswith("\n") and "\n" not in line[:-1], "not one line: %r" % line)
-            for entry in json.loads(line)["changed"]:
-                if predicate(entry):
-                    return entry
+            seen.append(lines.get(timeout=max(0.05, deadline - time.monotonic())))
+            entry = next((e for e in json.loads(seen[-1])["changed"] if predicate(e)), None)
+            if entry:
+                return entry
     except queue.Empty:
         sys.exit("FAILED: no report with %s within %d s; got:\n%s" % (what, WAIT, "".join(seen)))
-
-
-def logged_reports(log_text):
-    """The reports as the library logged them: from a level-1 line "{" to the line "}"."""
-    return [json.loads("{" + body + "}")
-            for body in re.findall(r"^\S+ \S+ \[L1\] \[Pelmora\] \{\n(.*?)^\}$", log_text, re.M | re.S)]
 
 
 def main():
@@ -61,12 +46,15 @@ def main():
     phone = monitor = None
     try:
         adb.start()
-        logs, resources = os.path.join(work, "logs"), os.path.join(work, "resources")
-        os.makedirs(resources)
+        logs = os.path.join(work, "logs")
         monitor = subprocess.Popen(
-            [args.monitor, "--json", "--config", args.config, "--resources", resources, "--log-dir", logs],
+            [args.monitor, "--json", "--config", args.config, "--resources", work, "--log-dir", logs],
             env=adb.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        lines, seen = start_reader(monitor.stdout), []
+        # stdout read on a thread, so that every wait below is bounded
+        lines, seen = queue.Queue(), []
+        reader = threading.Thread(target=lambda out: [lines.put(line) for line in out], args=(monitor.stdout,),
+                                  daemon=True)
+        reader.start()
 
         model = "E2E Phone 7"
         phone = SimPhone(args.sim_phone, adb, model, "--manufacturer", "Pelmora", "--android-version", "14")
@@ -78,24 +66,19 @@ def main():
                  "the phone leaving")
 
         monitor.send_signal(signal.SIGINT)
-        try:
-            code = monitor.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            sys.exit("FAILED: the monitor did not end within 10 s of SIGINT")
-        stderr = monitor.stderr.read()
+        code, stderr = monitor.wait(timeout=10), monitor.stderr.read()  # no end within 10 s fails the test
         monitor = None
         expect(code == 0, "exit code %d after SIGINT; stderr:\n%s" % (code, stderr))
         expect(not re.search("Sanitizer|runtime error", stderr), "sanitizer report:\n" + stderr)
 
-        while True:  # the lines still on their way
-            try:
-                seen.append(lines.get(timeout=1))
-            except queue.Empty:
-                break
+        reader.join(WAIT)  # the lines still on their way, up to the end of stdout
+        seen += [lines.get() for _ in range(lines.qsize())]
         with open(os.path.join(logs, "Pelmora.log"), errors="replace") as log:
             log_text = log.read()
+        # The reports as the library logged them: from a level-1 line "{" to the line "}".
+        logged = re.findall(r"^\S+ \S+ \[L1\] \[Pelmora\] \{\n(.*?)^\}$", log_text, re.M | re.S)
         printed = [json.loads(line) for line in seen]
-        expect(printed == logged_reports(log_text),
+        expect(printed == [json.loads("{" + body + "}") for body in logged],
                "the JSON lines differ from the logged reports:\n%s\n---\n%s" % ("".join(seen), log_text))
         stop = log_text.rfind("StopListenAndroidDevice Enter...")
         expect(stop >= 0 and log_text.find("Exit ListenThread", stop) > stop,

@@ -1,5 +1,6 @@
-"""The Python binding against libPelmora (PELMORA_LIBRARY), a private adb server and a phone of
-pelmora-sim-phone (PELMORA_SIM_PHONE)."""
+"""What the Python binding adds to libPelmora (PELMORA_LIBRARY): typed, frozen changes through its
+two listeners, one listener at a time, a clean end, and errors with the library's code. Against a
+private adb server and a phone of pelmora-sim-phone (PELMORA_SIM_PHONE)."""
 
 import asyncio
 import dataclasses
@@ -24,82 +25,57 @@ WAIT_S = 20
 
 
 @pytest.fixture(scope="module")
-def setup(tmp_path_factory):
+def folders(tmp_path_factory):
     work = tmp_path_factory.mktemp("pelmora")
     adb = PrivateAdb(str(work))
     adb.start()
     os.environ["ANDROID_ADB_SERVER_PORT"] = str(adb.port)
     phone = SimPhone(SIM_PHONE, adb, MODEL, "--android-version", "14")
     try:
-        folders = [str(work / "resources"), str(work / "logs")]
-        for folder in folders:
-            os.makedirs(folder)
+        folders = [str(work), str(work)]  # resources and logs
         pelmora.init(CONFIG, *folders)
         pelmora.start_adb_server()
-        yield phone, folders
+        yield folders
     finally:
         phone.stop()
         adb.kill()
 
 
-def wait_for(get, predicate):
-    deadline = time.monotonic() + WAIT_S
-    while time.monotonic() < deadline:
-        change = get(timeout=deadline - time.monotonic())
-        if change is not None and predicate(change):
-            return change
-    pytest.fail("no such change within %d s" % WAIT_S)
-
-
-def test_phone_arrives_and_leaves(setup):
-    phone, _ = setup
+def test_listeners_give_typed_frozen_changes_and_end_once_stopped(folders):
     with pelmora.listen() as changes:
         with pytest.raises(RuntimeError, match="already listening"):
             pelmora.listen()
-        arrival = wait_for(changes.get, lambda c: c.model == MODEL)
-        assert (arrival.new_status, arrival.os_version, arrival.adb_error_code) == (
+        deadline = time.monotonic() + WAIT_S
+        change = None
+        while (change is None or change.model != MODEL) and time.monotonic() < deadline:
+            change = changes.get(timeout=deadline - time.monotonic())
+        assert change is not None and change.model == MODEL, "no phone within %d s" % WAIT_S
+        assert (change.new_status, change.os_version, change.adb_error_code) == (
             pelmora.Status.AuthoredConnect, "14", 0)
-        phone.command("leave")
-        gone = wait_for(changes.get, lambda c: c.key_serial == arrival.key_serial
-                        and c.new_status is pelmora.Status.NotConnect)
-        assert (gone.model, gone.os_version) == ("", "")  # a departed phone has no details
         with pytest.raises(dataclasses.FrozenInstanceError):
-            gone.model = "changed"
+            change.model = "changed"
     list(changes)  # a stopped listener ends its iteration once drained, and never blocks
     assert changes.get() is None
-    phone.command("return")
 
-
-def test_async_listener_sees_the_phone_afresh(setup):
-    async def first_change():
+    async def first_change():  # the asyncio listener sees the phone afresh
         async with pelmora.listen_async() as changes:
-            deadline = time.monotonic() + WAIT_S
             async for change in changes:
-                if change.model == MODEL or time.monotonic() > deadline:
+                if change.model == MODEL:
                     return change
-
-    change = asyncio.run(asyncio.wait_for(first_change(), WAIT_S))
-    assert change.model == MODEL and change.new_status is pelmora.Status.AuthoredConnect
+    assert asyncio.run(asyncio.wait_for(first_change(), WAIT_S)).new_status is pelmora.Status.AuthoredConnect
 
 
-@pytest.mark.parametrize("call, code", [
-    (lambda folders: pelmora.init("", *folders), 1),
-    (lambda folders: pelmora.init(CONFIG, None, folders[1]), 1),
-    (lambda folders: pelmora.init(folders[0], *folders), 2),  # a folder without the .ini files
-])
-def test_errors_carry_the_library_code(setup, call, code):
-    _, folders = setup
+def test_errors_carry_the_library_code(folders, monkeypatch):
     try:
-        with pytest.raises(pelmora.PelmoraError) as raised:
-            call(folders)
-        assert raised.value.code == code and ("code %d" % code) in str(raised.value)
+        for call, code in ((lambda: pelmora.init(CONFIG, None, folders[1]), 1),  # None reaches the library as NULL
+                           (lambda: pelmora.init(folders[0], *folders), 2)):  # a folder without the .ini files
+            with pytest.raises(pelmora.PelmoraError, match="InitPelmora failed with code %d:" % code) as raised:
+                call()
+            assert raised.value.code == code
     finally:
         pelmora.init(CONFIG, *folders)
-
-
-def test_adb_error_code_is_passed_on(setup, monkeypatch):
     monkeypatch.setenv("ANDROID_ADB_SERVER_PORT", "not-a-port")
-    with pytest.raises(pelmora.PelmoraError) as raised:
+    with pytest.raises(pelmora.PelmoraError, match="StartAdbServer failed") as raised:
         pelmora.start_adb_server()
     assert raised.value.code != 0
 
