@@ -1,8 +1,6 @@
-// The library as a host uses it: loaded with dlopen and its four functions looked up by name, its
-// USB watcher reading devices that umockdev simulates (run under
-// LD_PRELOAD=libumockdev-preload.so.0), its poll thread asking Debian's real adb server on a
-// private port, to which a simulated phone is attached later under its USB device's serial.
-// The watcher's and the poll's own cases are in tests/usb and tests/listener.
+// The library as a host uses it: loaded with dlopen, its USB watcher reading devices that
+// umockdev simulates, its poll thread asking Debian's adb on a private port, to which a simulated
+// phone is attached later under its USB device's serial. The cases are in tests/usb and tests/listener.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -25,36 +23,36 @@ using Strings = std::vector<std::string>;
 
 namespace {
 
-// The entries the host was given, written on the library's poll thread.
+// Every entry the host was given, as its key and "old>new actual vid:pid vid_manufacturer/
+// manufacturer/model/os", written on the library's poll thread.
 std::mutex g_mutex;
 std::condition_variable g_changed;
-std::vector<Json::Value> g_entries;
+std::vector<std::pair<std::string, std::string>> g_moves;
 
 int HostCallback(const char* report, int length) {
   Json::Value root;
-  std::string errors;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  if (!reader->parse(report, report + length, &root, &errors)) return -1;
+  std::unique_ptr<Json::CharReader>(Json::CharReaderBuilder().newCharReader())
+      ->parse(report, report + length, &root, nullptr);
   std::lock_guard<std::mutex> lock(g_mutex);
-  for (const Json::Value& entry : root["changed"]) g_entries.push_back(entry);
+  for (const Json::Value& e : root["changed"]) {
+    g_moves.emplace_back(e["key_serial"].asString(),
+                         e["old_status"].asString() + ">" + e["new_status"].asString() + " " +
+                             e["actual_serial"].asString() + " " + e["vid"].asString() + ":" + e["pid"].asString() +
+                             " " + e["vid_manufacturer"].asString() + "/" + e["manufacturer"].asString() + "/" +
+                             e["model"].asString() + "/" + e["os_version"].asString());
+  }
   g_changed.notify_all();
   return 0;
 }
 
-// The entries for one key as "old>new actual vid:pid vid_manufacturer/manufacturer/model/os",
-// once there are at least count of them or 15 s have passed.
+// The moves of one key, once there are at least count of them or 15 s have passed.
 Strings MovesOf(const std::string& key, size_t count) {
   Strings moves;
   std::unique_lock<std::mutex> lock(g_mutex);
   g_changed.wait_for(lock, std::chrono::seconds(15), [&] {
     moves.clear();
-    for (const Json::Value& e : g_entries) {
-      if (e["key_serial"].asString() != key) continue;
-      moves.push_back(e["old_status"].asString() + ">" + e["new_status"].asString() + " " +
-                      e["actual_serial"].asString() + " " + e["vid"].asString() + ":" +
-                      e["pid"].asString() + " " + e["vid_manufacturer"].asString() + "/" +
-                      e["manufacturer"].asString() + "/" + e["model"].asString() + "/" +
-                      e["os_version"].asString());
+    for (const auto& [k, move] : g_moves) {
+      if (k == key) moves.push_back(move);
     }
     return moves.size() >= count;
   });

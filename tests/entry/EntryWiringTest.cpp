@@ -53,9 +53,7 @@ TEST_F(Entry, InitialisationRefusesMissingFoldersRunsInOrderAndFailsOnlyOnTheMan
   EXPECT_EQ((Logged{{1, "Pelmora verion 2.0.125-D-e04cbdc"}}), LoggedLines());
 
   log_capture::Clear();
-  fake_adb::Script script;
-  script.sdk_init = [](const std::string&, const std::string&, const std::string&) { return 102; };
-  fake_adb::SetScript(script);
+  fake_adb::SetScript({"", 0, {}, {{"AdbSdkInit:/res," + config + ",/logs", 102}}});
   std::remove((config + "/AndroidVID.ini").c_str());
   EXPECT_EQ(0, InitPelmora(config.c_str(), "/res", "/logs"));
   EXPECT_EQ((Logged{{3, "Fail to init adb sdk, error 102."}, {3, "Fail to load vid config, error 2."},
@@ -69,9 +67,7 @@ TEST_F(Entry, InitialisationRefusesMissingFoldersRunsInOrderAndFailsOnlyOnTheMan
 }
 
 TEST_F(Entry, StartAdbServerTurnsTheFlagAroundANullCallbackIsRefusedAStopAloneOnlyLogs) {
-  fake_adb::Script script;
-  script.start_daemon = [](int flag, int) { return flag == 0 ? 109 : 0; };
-  fake_adb::SetScript(script);
+  fake_adb::SetScript({"", 0, {}, {{"AdbStartDaemon:0,0", 109}}});
   EXPECT_EQ(109, StartAdbServer(true));
   EXPECT_EQ(0, StartAdbServer(false));
   EXPECT_EQ((Strings{"AdbStartDaemon:0,0", "AdbStartDaemon:1,0"}), fake_adb::Calls());

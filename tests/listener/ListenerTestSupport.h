@@ -1,19 +1,29 @@
 // Shared pieces of the listener suites: a USB table the test fills by hand, a host callback that
-// keeps every report, the filter lists of a small configuration, and the one fixture on top.
+// keeps every report, and the fixture that loads a small configuration.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <fstream>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "Common.h"
 #include "DeviceInfo.h"
 #include "ListenDeviceChange.h"
+#include "LoadConfig.h"
+#include "TempDir.h"
 
 using Strings = std::vector<std::string>;
+using UsbTable = std::map<std::string, DeviceModleInfo>;
+using AdbTable = std::map<std::string, DeviceAuthorInfo_>;
 
 // A USB watcher without a platform: the test enters and removes devices itself.
 class TableWatcher : public ListenDeviceChange {
@@ -21,41 +31,106 @@ class TableWatcher : public ListenDeviceChange {
   int StartListen() override { ++starts; return 0; }
   void StopListen() override {}
   void Plug(const DeviceModleInfo& device) { InsertUSBDeviceInfo(device.serial, device, false); }
-  void Unplug(const std::string& serial) { RemoveUSBDeviceInfo(serial); }
   int starts = 0;
 };
 
-DeviceModleInfo UsbDevice(const std::string& serial, uint16_t vid, uint16_t pid,
-                          const std::string& manufacturer = "", const std::string& product = "");
+inline DeviceModleInfo UsbDevice(const std::string& serial, uint16_t vid, uint16_t pid,
+                                 const std::string& manufacturer = "", const std::string& product = "") {
+  return {serial, vid, pid, product, manufacturer, "", ""};
+}
 
-using UsbTable = std::map<std::string, DeviceModleInfo>;
-using AdbTable = std::map<std::string, DeviceAuthorInfo_>;
-UsbTable UsbTableOf(const std::vector<DeviceModleInfo>& devices);
-AdbTable AdbTableOf(const std::vector<std::pair<std::string, DeviceAuthorStatus>>& devices);
+inline UsbTable UsbTableOf(const std::vector<DeviceModleInfo>& devices) {
+  TableWatcher table;
+  for (const DeviceModleInfo& device : devices) table.Plug(device);
+  return table.CopyUSBDeviceMap();
+}
+
+inline AdbTable AdbTableOf(const std::vector<std::pair<std::string, DeviceAuthorStatus>>& devices) {
+  AdbTable table;
+  for (const auto& [serial, status] : devices) table[GetLowerCaseString(serial)] = {status, serial};
+  return table;
+}
 
 // The host callback: keeps every report it is given, in order.
 namespace reports {
-int Collect(const char* report, int length);
-Strings All();
+inline std::mutex g_mutex;
+inline std::condition_variable g_arrived;
+inline Strings g_reports;
+
+inline int Collect(const char* report, int length) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_reports.emplace_back(report, static_cast<size_t>(length));
+  g_arrived.notify_all();
+  return static_cast<int>(g_reports.size());
+}
+
+inline Strings All() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return g_reports;
+}
 }  // namespace reports
 
-Json::Value ParseJson(const std::string& text);
+inline Json::Value ParseJson(const std::string& text) {
+  Json::Value value;
+  std::unique_ptr<Json::CharReader>(Json::CharReaderBuilder().newCharReader())
+      ->parse(text.data(), text.data() + text.size(), &value, nullptr);
+  return value;
+}
+
 // "key:old->new" for each entry of a report, in its order, with "#code" when adb_error_code is
 // not 0.
-Strings Transitions(const std::string& report);
+inline Strings Transitions(const std::string& report) {
+  Strings out;
+  const Json::Value parsed = ParseJson(report);  // kept: the loop must not outlive it
+  for (const Json::Value& entry : parsed["changed"]) {
+    const int code = entry["adb_error_code"].asInt();
+    out.push_back(entry["key_serial"].asString() + ":" + entry["old_status"].asString() + "->" +
+                  entry["new_status"].asString() + (code ? "#" + std::to_string(code) : ""));
+  }
+  return out;
+}
 
-// Loads the vendor and PID lists of a small configuration: Google 6353, Samsung 1256 (product
-// 26720 white-listed), Qualcomm 1478, Acme 4660 (product 1 black-listed).
+// The vendor and PID lists: Google 6353, Samsung 1256 (product 26720 white-listed), Qualcomm
+// 1478, Acme 4660 (product 1 black-listed).
 class ListenerTest : public ::testing::Test {
  protected:
-  void SetUp() override;
-  // The transitions of the next report not yet seen; {"no report"} when none comes in time.
-  Strings Next(std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  void SetUp() override {
+    const TempDir dir;
+    std::ofstream(dir.path() + "/AndroidVID.ini") << "Google=6353\nSamsung=1256\nQualcomm=1478\nAcme=4660\n";
+    std::ofstream(dir.path() + "/AndroidPIDWhite.ini") << "1256=26720\n";
+    std::ofstream(dir.path() + "/AndroidPIDBlack.ini") << "4660=1\n";
+    LoadVIDConfig(dir.path().c_str());
+    std::lock_guard<std::mutex> lock(reports::g_mutex);
+    reports::g_reports.clear();
+  }
+  // The transitions of the next report not yet seen; {"no report"} when none comes in 10 s.
+  Strings Next() {
+    std::unique_lock<std::mutex> lock(reports::g_mutex);
+    const size_t seen = seen_++;
+    if (!reports::g_arrived.wait_for(lock, std::chrono::seconds(10),
+                                     [&] { return reports::g_reports.size() > seen; })) {
+      return {"no report"};
+    }
+    return Transitions(reports::g_reports[seen]);
+  }
   // The first entry of any report so far that moves key to new_status (with this model, when one
   // is named); null when none comes in time.
   static Json::Value WaitForEntry(const std::string& key, const std::string& new_status,
-                                  std::chrono::milliseconds timeout, const std::string& model = "");
-  static Json::Value LastEntry(int index = 0);
+                                  std::chrono::milliseconds timeout, const std::string& model = "") {
+    for (const auto until = std::chrono::steady_clock::now() + timeout;;) {
+      for (const std::string& report : reports::All()) {
+        const Json::Value parsed = ParseJson(report);
+        for (const Json::Value& entry : parsed["changed"]) {
+          if (entry["key_serial"] == key && entry["new_status"] == new_status &&
+              (model.empty() || entry["model"] == model)) {
+            return entry;
+          }
+        }
+      }
+      if (std::chrono::steady_clock::now() > until) return Json::Value();
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
 
   TableWatcher watcher_;
   size_t seen_ = 0;
