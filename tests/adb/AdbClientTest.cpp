@@ -33,9 +33,8 @@ long long MillisecondsSince(Clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-void UsePort(std::uint16_t port) {
-  setenv("ANDROID_ADB_SERVER_PORT", std::to_string(port).c_str(), 1);
-}
+void UsePort(const std::string& port) { setenv("ANDROID_ADB_SERVER_PORT", port.c_str(), 1); }
+void UsePort(std::uint16_t port) { UsePort(std::to_string(port)); }
 
 // The list text, or "ERR <code>"; a failed call must leave the caller's pointer and count alone.
 std::string List() {
@@ -64,6 +63,13 @@ std::string Read(Query query, const std::string& serial, int size = 100) {
   return buffer.data();
 }
 
+// Runs call(0) ... call(n - 1) each on a thread of its own, all at once.
+void AllAtOnce(int n, const std::function<void(int)>& call) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < n; ++i) threads.emplace_back(call, i);
+  for (auto& t : threads) t.join();
+}
+
 // Each test logs to a file of its own in a folder of its own.
 class Logged : public ::testing::Test {
  protected:
@@ -72,6 +78,13 @@ class Logged : public ::testing::Test {
     ASSERT_EQ(InitLogEx(dir_.path().c_str(), "Test", log_path_.c_str()), 0);
   }
   std::string LogText() const { return ReadFile(log_path_); }
+  // How many times the log holds text.
+  int Times(const std::string& text) const {
+    const std::string log = LogText();
+    int n = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+    return n;
+  }
   // AdbSdkInit with this folder for configuration and logs.
   int Init(const std::string& resource) {
     return AdbSdkInit(resource.c_str(), dir_.path().c_str(), dir_.path().c_str());
@@ -88,18 +101,23 @@ class AdbClientTest : public Logged {
   void SetUp() override {
     Logged::SetUp();
     UsePort(server_.port());
-    server_.SetDevices({{"R58M", "device",
-                         {{"ro.build.version.release", "13"},
-                          {"ro.product.manufacturer", "samsung\r"},
-                          {"ro.product.model", "SM-G991B"}}},
-                        {"LOCKED", "unauthorized", {}},
-                        {"GONE", "offline", {}}});
+    server_.SetDevices({{"R58M", "device", {{"ro.build.version.release", "13"}, {"ro.product.model", "SM-G991B"},
+                                            {"ro.product.manufacturer", "samsung\r"}}},
+                        {"LOCKED", "unauthorized", {}}, {"GONE", "offline", {}}});
   }
 
   sim_adb::SimAdbServer server_;
 };
 
-TEST_F(AdbClientTest, ListRepliesGiveTheirTextOrTheirCode) {
+TEST_F(AdbClientTest, RepliesGiveTheirTextOrTheirCodeWithinTheirBound) {
+  for (const char* bad : {"not-a-port", "70000"}) {
+    UsePort(bad);
+    EXPECT_EQ(List(), Err(TARNWELL_ERR_BAD_PORT));
+  }
+  UsePort(sim_phone::PrivateAdbServer::FreePort());
+  EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
+  UsePort(server_.port());  // read again on every call
+
   const std::string serial = "X" + std::string(258, 's');
   const std::string loose = serial + "\tdevice\r\n\nZ9\trecovery";
   const std::string why = "(user in plugdev group; are your udev rules wrong?); "
@@ -108,127 +126,83 @@ TEST_F(AdbClientTest, ListRepliesGiveTheirTextOrTheirCode) {
                              "C3\tno permissions " + why + "\nD4\tfast-boot;mode (a later adb)\n";
   const std::string words = "emulator-5554-device;b,2-unauthorized;127.0.0.1:40001-offline;"
                             "C3-no permissions;D4-fast_boot_mode;";
+  const std::string failed = Err(TARNWELL_ERR_SERVER_FAIL), timeout = Err(TARNWELL_ERR_TIMEOUT);
+  const std::string closed = Err(TARNWELL_ERR_CLOSED), malformed = Err(TARNWELL_ERR_MALFORMED);
+  const auto raw = &Reaction::Raw;
+  const Reaction answer = Reaction::Answer();
+  const Query version = AdbGetPhoneSoftVersion, maker = AdbGetPhoneManufacturer, model = AdbGetPhoneProductModel;
   const struct {
-    Reaction reaction;
+    Reaction reaction;  // to "host:devices" for the list, to "shell:" for a property read
     std::string expected;
+    Query query = nullptr;  // the list
+    const char* serial = "R58M";
+    int size = 100;  // of the buffer
   } cases[] = {
-      {Reaction::Answer(), kListed},
-      {Reaction::Raw("OKAY0000"), ""},
-      {Reaction::Raw("OKAY000BR58M\tdevice"), "R58M-device;"},  // either case of hex digit
+      {answer, kListed},
+      {raw("OKAY0000"), ""}, {raw("OKAY000BR58M\tdevice"), "R58M-device;"},  // either case of hex digit
       // A long serial and loose line endings are passed whole.
-      {Reaction::Raw(Okay(loose)), serial + "-device;Z9-recovery;"},
+      {raw(Okay(loose)), serial + "-device;Z9-recovery;"},
       // State words stand alone; adb's explanation of one is logged once, not on every list.
-      {Reaction::Raw(Okay(states)), words},
-      {Reaction::Raw(Okay(states)), words},
-      {Reaction::Fail("insufficient permissions"), Err(TARNWELL_ERR_SERVER_FAIL)},
-      {Reaction::Raw(""), Err(TARNWELL_ERR_CLOSED)},
-      {Reaction::Raw("OKAY00"), Err(TARNWELL_ERR_CLOSED)},
-      {Reaction::Raw("OKAY0020R58M\tdev"), Err(TARNWELL_ERR_CLOSED)},
-      {Reaction::Raw("FAIL0030cut"), Err(TARNWELL_ERR_CLOSED)},
-      {Reaction::Raw("OKEY0000"), Err(TARNWELL_ERR_MALFORMED)},
-      {Reaction::Raw("OKAYzz10"), Err(TARNWELL_ERR_MALFORMED)},
-      {Reaction::Raw("OKAY0009no-tab-x\n"), Err(TARNWELL_ERR_MALFORMED)},
-  };
-  for (const auto& c : cases) {
-    server_.ClearReactions();
-    server_.React("host:devices", c.reaction);
-    EXPECT_EQ(List(), c.expected) << c.reaction.text;
-  }
-  const std::string log = LogText();
-  for (const std::string& said : std::vector<std::string>{"insufficient permissions", "C3: no permissions " + why,
-                                                         "D4: fast_boot_mode (a later adb)"}) {
-    EXPECT_TRUE(log.find(said) != std::string::npos && log.find(said) == log.rfind(said)) << said << "\n" << log;
-  }
-  EXPECT_EQ(AdbGetDevicesEx(nullptr, nullptr, 0), TARNWELL_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(AdbFreeResource(nullptr), 0);
-}
-
-TEST_F(AdbClientTest, TheServerIsFoundOnEveryCallAndASilentOneCostsOnlyTheTimeout) {
-  for (const char* bad : {"not-a-port", "70000"}) {
-    setenv("ANDROID_ADB_SERVER_PORT", bad, 1);
-    EXPECT_EQ(List(), Err(TARNWELL_ERR_BAD_PORT));
-  }
-  UsePort(server_.port());
-  server_.Stop();
-  EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
-  ASSERT_TRUE(server_.Restart());
-  EXPECT_EQ(List(), kListed);
-
-  server_.React("host:devices", Reaction::Silent());
-  const auto start = Clock::now();
-  EXPECT_EQ(List(), Err(TARNWELL_ERR_TIMEOUT));
-  EXPECT_GE(MillisecondsSince(start), TARNWELL_REQUEST_TIMEOUT_MS - 50);
-  EXPECT_LT(MillisecondsSince(start), TARNWELL_REQUEST_TIMEOUT_MS + 1500);
-}
-
-TEST_F(AdbClientTest, PropertyReadsGiveTheTextWithoutLineBreaksOrTheirCode) {
-  const std::string failed = Err(TARNWELL_ERR_SERVER_FAIL);
-  const struct {
-    Reaction shell;  // how "shell:" is answered
-    Query query;
-    const char* serial;
-    int size;  // of the buffer
-    std::string expected;
-  } cases[] = {
-      {Reaction::Answer(), AdbGetPhoneSoftVersion, "R58M", 100, "13"},
-      {Reaction::Answer(), AdbGetPhoneManufacturer, "R58M", 100, "samsung"},
-      {Reaction::Answer(), AdbGetPhoneProductModel, "R58M", 100, "SM-G991B"},
-      {Reaction::Answer(), AdbGetPhoneProductModel, "R58M", 5, "SM-G"},  // cut to the buffer
-      {Reaction::Answer(), AdbGetPhoneProductModel, "R58M", 1, ""},
-      {Reaction::Raw("OKAY\n"), AdbGetPhoneSoftVersion, "R58M", 100, ""},  // unset: not a failure
-      {Reaction::Answer(), AdbGetPhoneManufacturer, "LOCKED", 100, failed},
-      {Reaction::Answer(), AdbGetPhoneManufacturer, "GONE", 100, failed},
-      {Reaction::Answer(), AdbGetPhoneManufacturer, "NOPE", 100, failed},
+      {raw(Okay(states)), words}, {raw(Okay(states)), words},
+      {Reaction::Fail("insufficient permissions"), failed}, {Reaction::Silent(), timeout},
+      {raw(""), closed}, {raw("OKAY00"), closed}, {raw("OKAY0020R58M\tdev"), closed}, {raw("FAIL0030cut"), closed},
+      {raw("OKEY0000"), malformed}, {raw("OKAYzz10"), malformed}, {raw("OKAY0009no-tab-x\n"), malformed},
+      {answer, "13", version}, {answer, "samsung", maker}, {answer, "SM-G991B", model},
+      {answer, "SM-G", model, "R58M", 5}, {answer, "", model, "R58M", 1},  // cut to the buffer
+      {raw("OKAY\n"), "", version},  // unset: not a failure
+      {answer, failed, maker, "LOCKED"}, {answer, failed, maker, "GONE"},
       // The link closing before the shell answers reads "error: closed"; any other FAIL fails.
-      {Reaction::Raw(""), AdbGetPhoneSoftVersion, "R58M", 100, "error: closed"},
-      {Reaction::Fail("closed"), AdbGetPhoneSoftVersion, "R58M", 100, "error: closed"},
-      {Reaction::Fail("closed"), AdbGetPhoneSoftVersion, "R58M", 6, "error"},
-      {Reaction::Fail("closed for good"), AdbGetPhoneSoftVersion, "R58M", 100, failed},
+      {raw(""), "error: closed", version},
+      {Reaction::Fail("closed"), "error: closed", version},
+      {Reaction::Fail("closed"), "error", version, "R58M", 6},
+      {Reaction::Fail("closed for good"), failed, version},
+      // Last, as they start cool-downs.
+      {answer, failed, maker, "NOPE"}, {Reaction::Silent(), timeout, model},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.reaction.text + (c.query ? " read " : " list ") + c.serial + " " + std::to_string(c.size));
     server_.ClearReactions();
-    server_.React("shell:", c.shell);
-    EXPECT_EQ(Read(c.query, c.serial, c.size), c.expected) << c.serial << " " << c.size;
-  }
-  const std::string log = LogText();
-  for (const char* said : {"[Tarnwell]", "device unauthorized.", "device offline", "device 'NOPE' not found"}) {
-    EXPECT_NE(log.find(said), std::string::npos) << said << "\n" << log;
+    server_.React(c.query ? "shell:" : "host:devices", c.reaction);
+    const auto start = Clock::now();
+    EXPECT_EQ(c.query ? Read(c.query, c.serial, c.size) : List(), c.expected);
+    const long long took = MillisecondsSince(start);
+    const long long bound = c.query ? TARNWELL_PROPERTY_TIMEOUT_MS : TARNWELL_REQUEST_TIMEOUT_MS;
+    EXPECT_LT(took, bound * 3 / 2);
+    EXPECT_GE(took, c.reaction.kind == Reaction::Kind::kSilent ? bound - 50 : 0);
   }
 
+  // A phone that never answered and one the server does not know are answered from memory during
+  // their cool-down; one that says why it cannot answer now is asked every time.
+  const int requests = server_.RequestCount();
+  for (Query read : {version, maker, model}) {
+    EXPECT_EQ(Read(read, "R58M"), timeout);
+    EXPECT_EQ(Read(read, "NOPE"), failed);
+    EXPECT_EQ(Read(read, "LOCKED"), failed);
+  }
   // Bad arguments touch nothing.
-  const int asked = server_.RequestCount("");
   char buffer[8] = "keep";
   EXPECT_EQ(AdbGetPhoneSoftVersion(nullptr, buffer, 8, 0), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(AdbGetPhoneSoftVersion("", buffer, 8, 0), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(AdbGetPhoneManufacturer("R58M", nullptr, 8, 0), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(AdbGetPhoneProductModel("R58M", buffer, 0, 0), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_STREQ(buffer, "keep");
-  EXPECT_EQ(server_.RequestCount(""), asked);
-}
+  EXPECT_EQ(server_.RequestCount(), requests + 3) << "LOCKED's reads only";
+  EXPECT_EQ(AdbGetDevicesEx(nullptr, nullptr, 0), TARNWELL_ERR_BAD_ARGUMENT);
+  EXPECT_EQ(AdbFreeResource(nullptr), 0);
 
-TEST_F(AdbClientTest, PhoneThatNeverAnswersOrIsUnknownIsNotAskedAgainDuringItsCoolDown) {
-  const std::string timeout = Err(TARNWELL_ERR_TIMEOUT);
-  const std::string fail = Err(TARNWELL_ERR_SERVER_FAIL);
-  server_.React("shell:", Reaction::Silent());
-  const auto start = Clock::now();
-  EXPECT_EQ(Read(AdbGetPhoneProductModel, "R58M"), timeout);
-  EXPECT_GE(MillisecondsSince(start), TARNWELL_PROPERTY_TIMEOUT_MS - 50);
-  EXPECT_LT(MillisecondsSince(start), TARNWELL_PROPERTY_TIMEOUT_MS + 500);
-  EXPECT_EQ(Read(AdbGetPhoneSoftVersion, "NOPE"), fail);
-
-  const int requests = server_.RequestCount("");
-  for (auto read : {AdbGetPhoneSoftVersion, AdbGetPhoneManufacturer, AdbGetPhoneProductModel}) {
-    EXPECT_EQ(Read(read, "R58M"), timeout);
-    EXPECT_EQ(Read(read, "NOPE"), fail);
-  }
-  EXPECT_EQ(server_.RequestCount(""), requests) << "answered from memory";
-  // A device that says why it cannot answer now is asked every time.
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(Read(AdbGetPhoneManufacturer, "LOCKED"), fail);
-  EXPECT_EQ(server_.RequestCount(""), requests + 2);
+  // One line per failure, however many lines the server's message has.
+  const std::pair<std::string, int> said[] = {
+      {"[Tarnwell] AdbGetDevicesEx failed, error 104: insufficient permissions\n", 1},
+      {"AdbGetDevicesEx: C3: no permissions " + why + "\n", 1},
+      {"AdbGetDevicesEx: D4: fast_boot_mode (a later adb)\n", 1},
+      {"LOCKED: device unauthorized. This adb server's", 4},
+      {"GONE: device offline\n", 1},
+      {"device 'NOPE' not found", 1}};
+  for (const auto& [text, times] : said) EXPECT_EQ(Times(text), times) << text << "\n" << LogText();
 
   server_.ClearReactions();
   std::this_thread::sleep_for(std::chrono::milliseconds(TARNWELL_UNREACHABLE_COOLDOWN_MS));
-  EXPECT_EQ(Read(AdbGetPhoneProductModel, "R58M"), "SM-G991B");
+  EXPECT_EQ(Read(model, "R58M"), "SM-G991B");
 }
 
 TEST_F(AdbClientTest, ThreeThreadsAtOnceEachGetTheirOwnAnswers) {
@@ -236,11 +210,7 @@ TEST_F(AdbClientTest, ThreeThreadsAtOnceEachGetTheirOwnAnswers) {
                                          [] { return Read(AdbGetPhoneProductModel, "R58M") == "SM-G991B"; },
                                          [] { return Read(AdbGetPhoneManufacturer, "R58M") == "samsung"; }};
   std::vector<int> failures(3, 0);
-  std::vector<std::thread> threads;
-  for (std::size_t t = 0; t < 3; ++t) {
-    threads.emplace_back([&, t] { for (int i = 0; i < 40; ++i) failures[t] += calls[t]() ? 0 : 1; });
-  }
-  for (auto& t : threads) t.join();
+  AllAtOnce(3, [&](int t) { for (int i = 0; i < 40; ++i) failures[t] += calls[t]() ? 0 : 1; });
   EXPECT_EQ(failures, std::vector<int>(3, 0));
 }
 
@@ -262,7 +232,7 @@ TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
   EXPECT_EQ(AdbSdkInit("/", "", "/"), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(Init(dir_.path() + "/missing"), TARNWELL_ERR_NO_FOLDER);
   EXPECT_EQ(AdbSdkInit(dir_.path().c_str(), "/no/such/config", "/"), TARNWELL_ERR_NO_FOLDER);
-  EXPECT_NE(LogText().find("/no/such/config"), std::string::npos);
+  EXPECT_EQ(Times("AdbSdkInit failed, error 102: no such folder: /no/such/config\n"), 1);
   EXPECT_EQ(AdbStartDaemon(2, 0), TARNWELL_ERR_BAD_ARGUMENT);
 
   const std::string saved_path = getenv("PATH") != nullptr ? getenv("PATH") : "";
@@ -275,112 +245,87 @@ TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
 
 TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled) {
   const struct {
-    bool serve, silent;  // a simulated server listens on the port; it never answers "host:version"
+    std::optional<Reaction> version;  // of a simulated server on the port to "host:version"
     int flag, adb_exit, code;
     bool runs_adb;
+    int callers = 1;  // at once: they take turns
   } cases[] = {
-      {true, false, 1, 0, 0, false},
-      {true, false, 0, 0, 0, true},
-      {true, true, 1, 0, TARNWELL_ERR_TIMEOUT, false},  // reported, not replaced
-      {false, false, 1, 1, TARNWELL_ERR_START_FAILED, true},
+      {Reaction::Answer(), 1, 0, 0, false},
+      {Reaction::Answer(), 0, 0, 0, true, 3},
+      // A server that answers wrongly is reported, not replaced.
+      {Reaction::Silent(), 1, 0, TARNWELL_ERR_TIMEOUT, false},
+      {Reaction::Raw("OKAY0004zzzz"), 1, 0, TARNWELL_ERR_MALFORMED, false},
+      {std::nullopt, 1, 1, TARNWELL_ERR_START_FAILED, true},
   };
   for (const auto& c : cases) {
     std::optional<sim_adb::SimAdbServer> server;
-    if (c.serve) server.emplace();
-    if (c.silent) server->React("host:version", Reaction::Silent());
-    const std::uint16_t port = c.serve ? server->port() : sim_phone::PrivateAdbServer::FreePort();
+    if (c.version) server.emplace().React("host:version", *c.version);
+    const std::uint16_t port = server ? server->port() : sim_phone::PrivateAdbServer::FreePort();
     UsePort(port);
     FakeAdb adb(c.adb_exit, c.adb_exit ? "error: could not install *smartsocket* listener" : "");
     ASSERT_EQ(Init(adb.dir.path()), 0);
-    EXPECT_EQ(AdbStartDaemon(c.flag, 0), c.code);
-    EXPECT_EQ(adb.Calls(), c.runs_adb ? "-P " + std::to_string(port) + " start-server\n" : "");
+    std::vector<int> results(static_cast<std::size_t>(c.callers), -1);
+    AllAtOnce(c.callers, [&](int i) { results[i] = AdbStartDaemon(c.flag, 0); });
+    EXPECT_EQ(results, std::vector<int>(results.size(), c.code)) << port;
+    std::string lines;
+    for (int i = 0; c.runs_adb && i < c.callers; ++i) lines += "-P " + std::to_string(port) + " start-server\n";
+    EXPECT_EQ(adb.Calls(), lines);
   }
-  EXPECT_NE(LogText().find("smartsocket"), std::string::npos) << "adb's own words";
-
-  // Concurrent starts take turns.
-  sim_adb::SimAdbServer server;
-  UsePort(server.port());
-  FakeAdb adb;
-  ASSERT_EQ(Init(adb.dir.path()), 0);
-  std::vector<int> results(3, -1);
-  std::vector<std::thread> threads;
-  for (int& result : results) threads.emplace_back([&result] { result = AdbStartDaemon(0, 0); });
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(results, std::vector<int>(3, 0));
-  const std::string line = "-P " + std::to_string(server.port()) + " start-server\n";
-  EXPECT_EQ(adb.Calls(), line + line + line);
+  EXPECT_EQ(Times("error: could not install *smartsocket* listener"), 1) << "adb's own words";
 }
 
 // Debian's adb server on a private port, started through AdbStartDaemon as a host would.
-class RealAdbTest : public Logged {
- protected:
-  void SetUp() override {
-    if (sim_phone::PrivateAdbServer::FindAdb().empty()) GTEST_SKIP() << "adb is not installed";
-    Logged::SetUp();
-    server_.ApplyToThisProcess();
-    // No adb in the folder: Debian's on PATH is used.
-    ASSERT_EQ(Init(dir_.path()), 0);
-    EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
-    ASSERT_EQ(AdbStartDaemon(1, 0), 0) << LogText();
-    // Asking again spawns nothing new.
-    ASSERT_EQ(AdbStartDaemon(1, 0), 0) << LogText();
-    EXPECT_EQ(server_.ServerProcesses().size(), 1u);
-  }
-  // Polls the list until it holds (or, with listed false, lacks) entry, at most 5 s.
-  static bool Listed(const std::string& entry, bool listed = true) {
-    for (auto until = Clock::now() + std::chrono::seconds(5);
-         (List().find(entry) != std::string::npos) != listed;) {
+using RealAdbTest = Logged;
+
+TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
+  if (sim_phone::PrivateAdbServer::FindAdb().empty()) GTEST_SKIP() << "adb is not installed";
+  sim_phone::PrivateAdbServer server;
+  server.ApplyToThisProcess();
+  ASSERT_EQ(Init(dir_.path()), 0);  // no adb in the folder: Debian's on PATH is used
+  EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(AdbStartDaemon(1, 0), 0) << LogText();
+  EXPECT_EQ(server.ServerProcesses().size(), 1u) << "asking again spawns nothing new";
+  // Polls the list until it holds entry, at most 5 s.
+  const auto listed = [](const std::string& entry) {
+    for (auto until = Clock::now() + std::chrono::seconds(5); List().find(entry) == std::string::npos;) {
       if (Clock::now() > until) return false;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return true;
-  }
+  };
 
-  sim_phone::PrivateAdbServer server_;
-};
-
-TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
   sim_phone::PhoneConfig config;
   config.authorized = false;
-  config.manufacturer = "Google";
-  config.model = "Pixel 7";
-  config.android_version = "14";
   sim_phone::SimPhone phone(config);
   const std::string serial = phone.serial();
-  server_.Connect(phone.port());
-  ASSERT_TRUE(Listed(serial + "-unauthorized;")) << List();
+  server.Connect(phone.port());
+  ASSERT_TRUE(listed(serial + "-unauthorized;")) << List();
   EXPECT_EQ(Read(AdbGetPhoneManufacturer, serial), Err(TARNWELL_ERR_SERVER_FAIL));
 
   phone.Authorize();
-  ASSERT_TRUE(Listed(serial + "-device;")) << List();
-  const std::pair<Query, const char*> reads[] = {
-      {AdbGetPhoneSoftVersion, "14"}, {AdbGetPhoneManufacturer, "Google"}, {AdbGetPhoneProductModel, "Pixel 7"}};
-  for (const auto& [query, text] : reads) EXPECT_EQ(Read(query, serial), text);
+  ASSERT_TRUE(listed(serial + "-device;")) << List();
+  EXPECT_EQ(Read(AdbGetPhoneSoftVersion, serial), config.android_version);
+  EXPECT_EQ(Read(AdbGetPhoneManufacturer, serial), config.manufacturer);
+  EXPECT_EQ(Read(AdbGetPhoneProductModel, serial), config.model);
 
   // The link dropping when the shell opens reads "error: closed".
   phone.SetDropOnOpen(true);
   EXPECT_EQ(Read(AdbGetPhoneSoftVersion, serial), "error: closed");
 
-  phone.Leave();
-  server_.Disconnect(phone.port());
-  EXPECT_TRUE(Listed(serial, false)) << List();
-  EXPECT_EQ(Read(AdbGetPhoneProductModel, serial), Err(TARNWELL_ERR_SERVER_FAIL));
-
   // A phone in recovery is listed so; adb's own client speaks the framed shell (shell,v2) to it.
   sim_phone::PhoneConfig recovery;
   recovery.banner_kind = "recovery";
-  recovery.extra_properties["ro.serialno"] = "SIM0001";
   sim_phone::SimPhone second(recovery);
-  server_.Connect(second.port());
-  ASSERT_TRUE(Listed(second.serial() + "-recovery;")) << List();
-  auto run = server_.Adb({"-s", second.serial(), "shell", "getprop", "ro.serialno"});
+  server.Connect(second.port());
+  ASSERT_TRUE(listed(second.serial() + "-recovery;")) << List();
+  auto run = server.Adb({"-s", second.serial(), "shell", "getprop", "ro.product.model"});
   EXPECT_EQ(run.exit_code, 0) << run.output;
-  EXPECT_EQ(run.output, "SIM0001\n");
+  EXPECT_EQ(run.output, recovery.model + "\n");
   ASSERT_FALSE(second.OpenedServices().empty());
   EXPECT_EQ(second.OpenedServices().back().rfind("shell,v2,", 0), 0u) << second.OpenedServices().back();
 
   // A server killed behind the library's back is started again when the host says so.
-  server_.KillServer();
+  server.KillServer();
   EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
   ASSERT_EQ(AdbStartDaemon(0, 0), 0) << LogText();
   EXPECT_EQ(List().rfind("ERR", 0), std::string::npos);

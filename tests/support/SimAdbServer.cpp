@@ -52,7 +52,6 @@ struct SimAdbServer::Connection {
   }
   // A blocking socket takes a whole reply in one call; a peer that left gets nothing.
   void Send(const std::string& bytes) const { posix::SendNoSignal(fd.get(), bytes.data(), bytes.size()); }
-  void SendFail(const std::string& message) const { Send(Reaction::Fail(message).text); }
 };
 
 SimAdbServer::SimAdbServer() {
@@ -110,7 +109,7 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
   Reaction reaction;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (keep_requests_) requests_.push_back(service);
+    requests_ += keep_requests_ ? 1 : 0;
     const auto scripted = std::find_if(reactions_.begin(), reactions_.end(),
                                        [&](const auto& r) { return StartsWith(service, r.first); });
     if (scripted != reactions_.end()) reaction = scripted->second;
@@ -137,26 +136,25 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
   } else if (StartsWith(service, transport)) {
     const std::string serial = service.substr(transport.size());
-    std::unique_lock<std::mutex> lock(mutex_);
-    const auto listed = std::find_if(devices_.begin(), devices_.end(),
-                                     [&](const Device& d) { return d.serial == serial; });
-    const std::optional<Device> device =
-        listed == devices_.end() ? std::nullopt : std::optional<Device>(*listed);
-    lock.unlock();
+    std::optional<Device> device;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (const Device& d : devices_) device = d.serial == serial ? d : device;
+    }
     if (device && device->state == "device") {
       connection.device = device;
       connection.Send("OKAY");
       return true;
     }
-    connection.SendFail(!device                          ? "device '" + serial + "' not found"
-                        : device->state == "unauthorized" ? kUnauthorizedMessage
-                                                          : "device " + device->state);
+    connection.Send(Reaction::Fail(!device                          ? "device '" + serial + "' not found"
+                                   : device->state == "unauthorized" ? kUnauthorizedMessage
+                                                                     : "device " + device->state).text);
   } else if (StartsWith(service, getprop) && connection.device) {
     const auto& properties = connection.device->properties;
     const auto found = properties.find(service.substr(getprop.size()));
     connection.Send("OKAY" + (found == properties.end() ? std::string() : found->second) + "\n");
   } else {
-    connection.SendFail("unknown host service");
+    connection.Send(Reaction::Fail("unknown host service").text);
   }
   return false;
 }
@@ -181,11 +179,9 @@ void SimAdbServer::KeepRequests(bool keep) {
   keep_requests_ = keep;
 }
 
-int SimAdbServer::RequestCount(const std::string& service_prefix) const {
+int SimAdbServer::RequestCount() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  int count = 0;
-  for (const auto& r : requests_) count += StartsWith(r, service_prefix) ? 1 : 0;
-  return count;
+  return requests_;
 }
 
 }  // namespace sim_adb

@@ -64,9 +64,8 @@ class SimAdbServer {
   void React(const std::string& service_prefix, Reaction reaction);
   void ClearReactions();
 
-  // How many services starting with the prefix were received ("" counts all). After
-  // KeepRequests(false) nothing is recorded, so that a long run holds no growing record.
-  int RequestCount(const std::string& service_prefix) const;
+  // How many services were received (not counting those received after KeepRequests(false)).
+  int RequestCount() const;
   void KeepRequests(bool keep);
 
  private:
@@ -79,7 +78,7 @@ class SimAdbServer {
   mutable std::mutex mutex_;
   std::vector<Device> devices_;
   std::vector<std::pair<std::string, Reaction>> reactions_;
-  std::vector<std::string> requests_;
+  int requests_ = 0;
   bool keep_requests_ = true;
 
   // Touched by the controlling thread only (workers_ also by the acceptor, under mutex_).
