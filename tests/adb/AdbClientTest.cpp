@@ -193,11 +193,8 @@ TEST_F(AdbClientTest, RepliesGiveTheirTextOrTheirCodeWithinTheirBound) {
   // One line per failure, however many lines the server's message has.
   const std::pair<std::string, int> said[] = {
       {"[Tarnwell] AdbGetDevicesEx failed, error 104: insufficient permissions\n", 1},
-      {"AdbGetDevicesEx: C3: no permissions " + why + "\n", 1},
-      {"AdbGetDevicesEx: D4: fast_boot_mode (a later adb)\n", 1},
-      {"LOCKED: device unauthorized. This adb server's", 4},
-      {"GONE: device offline\n", 1},
-      {"device 'NOPE' not found", 1}};
+      {"AdbGetDevicesEx: C3: no permissions " + why + "\n", 1}, {": D4: fast_boot_mode (a later adb)\n", 1},
+      {"LOCKED: device unauthorized. This adb server's", 4}, {"GONE: device offline\n", 1}, {"'NOPE' not found", 1}};
   for (const auto& [text, times] : said) EXPECT_EQ(Times(text), times) << text << "\n" << LogText();
 
   server_.ClearReactions();

@@ -89,34 +89,24 @@ void SimAdbServer::Stop() {
   listener_.reset();
 }
 
-bool SimAdbServer::Restart() {
-  Stop();
-  return Listen(port_);
-}
-
 void SimAdbServer::Serve(Connection& connection) {
-  std::string digits;
-  std::string service;
+  std::string digits, service;
   while (connection.ReadExact(4, &digits) &&
          connection.ReadExact(std::strtoul(digits.c_str(), nullptr, 16), &service) &&
-         Handle(connection, service)) {
-  }
+         Handle(connection, service)) {}
   connection.fd.reset();
   connection.done = true;
 }
 
 bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
-  Reaction reaction;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
+  const Reaction reaction = Locked([&] {
     requests_ += keep_requests_ ? 1 : 0;
     const auto scripted = std::find_if(reactions_.begin(), reactions_.end(),
                                        [&](const auto& r) { return StartsWith(service, r.first); });
-    if (scripted != reactions_.end()) reaction = scripted->second;
-  }
+    return scripted == reactions_.end() ? Reaction() : scripted->second;
+  });
   if (reaction.kind == Reaction::Kind::kSilent) {
-    for (std::string held; connection.ReadExact(1, &held);) {
-    }
+    for (std::string held; connection.ReadExact(1, &held);) {}
     return false;
   }
   if (reaction.kind == Reaction::Kind::kRaw) {
@@ -129,18 +119,12 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
     connection.Send("OKAY00040029");
   } else if (service == "host:devices") {
     std::string payload;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n";
-    }
+    Locked([&] { for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n"; });
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
   } else if (StartsWith(service, transport)) {
     const std::string serial = service.substr(transport.size());
     std::optional<Device> device;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      for (const Device& d : devices_) device = d.serial == serial ? d : device;
-    }
+    Locked([&] { for (const Device& d : devices_) device = d.serial == serial ? d : device; });
     if (device && device->state == "device") {
       connection.device = device;
       connection.Send("OKAY");
@@ -157,31 +141,6 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
     connection.Send(Reaction::Fail("unknown host service").text);
   }
   return false;
-}
-
-void SimAdbServer::SetDevices(std::vector<Device> devices) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  devices_ = std::move(devices);
-}
-
-void SimAdbServer::React(const std::string& service_prefix, Reaction reaction) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  reactions_.emplace_back(service_prefix, std::move(reaction));
-}
-
-void SimAdbServer::ClearReactions() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  reactions_.clear();
-}
-
-void SimAdbServer::KeepRequests(bool keep) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  keep_requests_ = keep;
-}
-
-int SimAdbServer::RequestCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_;
 }
 
 }  // namespace sim_adb

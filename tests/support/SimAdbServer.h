@@ -1,9 +1,8 @@
-// A simulated ADB server on a loopback port, with scripted answers: every path of an ADB client
-// gets a fast, deterministic test. By default it answers as adb does: "host:version" with 0x29,
-// "host:devices" with the scripted list, "host:transport:<serial>" with OKAY for a listed "device"
-// (FAIL "device offline", "device unauthorized..." or "device '<serial>' not found" otherwise),
-// then "shell:getprop <name>" with the value and "\n". React() overrides that for services that
-// start with a given prefix. Safe to script from any thread while it serves.
+// A simulated ADB server on a loopback port with scripted answers: fast, deterministic tests of
+// every path of an ADB client. By default it answers as adb does: "host:version" (0x29),
+// "host:devices" (the devices set), "host:transport:<serial>" (OKAY for a "device", adb's FAIL
+// otherwise), then "shell:getprop <name>" (the value and "\n"). React() overrides that for
+// services that start with a given prefix.
 #pragma once
 
 #include <cstdint>
@@ -15,9 +14,7 @@
 #include <utility>
 #include <vector>
 
-namespace sim_phone {
-class LoopbackListener;
-}  // namespace sim_phone
+namespace sim_phone { class LoopbackListener; }
 
 namespace sim_adb {
 
@@ -58,17 +55,27 @@ class SimAdbServer {
   // one controlling thread; everything else may be called from any thread.
   void Stop();
   // Listens again on the same port; false when the port can no longer be had.
-  bool Restart();
+  bool Restart() {
+    Stop();
+    return Listen(port_);
+  }
 
-  void SetDevices(std::vector<Device> devices);
-  void React(const std::string& service_prefix, Reaction reaction);
-  void ClearReactions();
+  void SetDevices(std::vector<Device> devices) { Locked([&] { devices_ = std::move(devices); }); }
+  void React(const std::string& service_prefix, Reaction reaction) {
+    Locked([&] { reactions_.emplace_back(service_prefix, std::move(reaction)); });
+  }
+  void ClearReactions() { Locked([&] { reactions_.clear(); }); }
 
   // How many services were received (not counting those received after KeepRequests(false)).
-  int RequestCount() const;
-  void KeepRequests(bool keep);
+  int RequestCount() const { return Locked([&] { return requests_; }); }
+  void KeepRequests(bool keep) { Locked([&] { keep_requests_ = keep; }); }
 
  private:
+  template <typename Body>
+  auto Locked(Body body) const -> decltype(body()) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return body();
+  }
   struct Connection;
   bool Listen(std::uint16_t port);
   void Serve(Connection& connection);
