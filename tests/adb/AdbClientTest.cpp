@@ -29,10 +29,6 @@ using Query = int (*)(const char*, char*, int, int);
 std::string Err(int code) { return "ERR " + std::to_string(code); }
 std::string Okay(const std::string& payload) { return "OKAY" + sim_adb::Hex4(payload.size()) + payload; }
 
-long long MillisecondsSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
 void UsePort(const std::string& port) { setenv("ANDROID_ADB_SERVER_PORT", port.c_str(), 1); }
 void UsePort(std::uint16_t port) { UsePort(std::to_string(port)); }
 
@@ -165,7 +161,7 @@ TEST_F(AdbClientTest, RepliesGiveTheirTextOrTheirCodeWithinTheirBound) {
     server_.React(c.query ? "shell:" : "host:devices", c.reaction);
     const auto start = Clock::now();
     EXPECT_EQ(c.query ? Read(c.query, c.serial, c.size) : List(), c.expected);
-    const long long took = MillisecondsSince(start);
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
     const long long bound = c.query ? TARNWELL_PROPERTY_TIMEOUT_MS : TARNWELL_REQUEST_TIMEOUT_MS;
     EXPECT_LT(took, bound * 3 / 2);
     EXPECT_GE(took, c.reaction.kind == Reaction::Kind::kSilent ? bound - 50 : 0);
@@ -243,16 +239,15 @@ TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
 TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled) {
   const struct {
     std::optional<Reaction> version;  // of a simulated server on the port to "host:version"
-    int flag, adb_exit, code;
-    bool runs_adb;
+    int flag, adb_exit, code, adb_runs;  // how many times the stand-in adb is run
     int callers = 1;  // at once: they take turns
   } cases[] = {
-      {Reaction::Answer(), 1, 0, 0, false},
-      {Reaction::Answer(), 0, 0, 0, true, 3},
+      {Reaction::Answer(), 1, 0, 0, 0},
+      {Reaction::Answer(), 0, 0, 0, 3, 3},
       // A server that answers wrongly is reported, not replaced.
-      {Reaction::Silent(), 1, 0, TARNWELL_ERR_TIMEOUT, false},
-      {Reaction::Raw("OKAY0004zzzz"), 1, 0, TARNWELL_ERR_MALFORMED, false},
-      {std::nullopt, 1, 1, TARNWELL_ERR_START_FAILED, true},
+      {Reaction::Silent(), 1, 0, TARNWELL_ERR_TIMEOUT, 0},
+      {Reaction::Raw("OKAY0004zzzz"), 1, 0, TARNWELL_ERR_MALFORMED, 0},
+      {std::nullopt, 1, 1, TARNWELL_ERR_START_FAILED, 1},
   };
   for (const auto& c : cases) {
     std::optional<sim_adb::SimAdbServer> server;
@@ -265,7 +260,7 @@ TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled)
     AllAtOnce(c.callers, [&](int i) { results[i] = AdbStartDaemon(c.flag, 0); });
     EXPECT_EQ(results, std::vector<int>(results.size(), c.code)) << port;
     std::string lines;
-    for (int i = 0; c.runs_adb && i < c.callers; ++i) lines += "-P " + std::to_string(port) + " start-server\n";
+    for (int i = 0; i < c.adb_runs; ++i) lines += "-P " + std::to_string(port) + " start-server\n";
     EXPECT_EQ(adb.Calls(), lines);
   }
   EXPECT_EQ(Times("error: could not install *smartsocket* listener"), 1) << "adb's own words";

@@ -66,9 +66,7 @@ TEST_F(LogFiles, ThreadsLoggingThroughRotationsAndASwitchOfFilesLoseTearOrReorde
   constexpr int kThreads = 8, kLines = 10000;
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
-    writers.emplace_back([t] {
-      for (int i = 0; i < kLines; ++i) LogEx("Pelmora", 1, "thread %d line %d end", t, i);
-    });
+    writers.emplace_back([t] { for (int i = 0; i < kLines; ++i) LogEx("Pelmora", 1, "thread %d line %d end", t, i); });
   }
   EXPECT_EQ(QUENWICK_OK, InitLogEx("", "Pelmora", (dir_ / "second.log").c_str()));
   for (auto& writer : writers) writer.join();

@@ -12,17 +12,9 @@
 
 namespace sim_adb {
 
-namespace {
-
 const char kUnauthorizedMessage[] =
     "device unauthorized.\nThis adb server's $ADB_VENDOR_KEYS is not set\nTry 'adb kill-server' if "
     "that seems wrong.\nOtherwise check for a confirmation dialog on your device.";
-
-bool StartsWith(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
-}  // namespace
 
 std::string Hex4(std::size_t n) {
   char text[8];
@@ -102,7 +94,7 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
   const Reaction reaction = Locked([&] {
     requests_ += keep_requests_ ? 1 : 0;
     const auto scripted = std::find_if(reactions_.begin(), reactions_.end(),
-                                       [&](const auto& r) { return StartsWith(service, r.first); });
+                                       [&](const auto& r) { return service.rfind(r.first, 0) == 0; });
     return scripted == reactions_.end() ? Reaction() : scripted->second;
   });
   if (reaction.kind == Reaction::Kind::kSilent) {
@@ -121,7 +113,7 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
     std::string payload;
     Locked([&] { for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n"; });
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
-  } else if (StartsWith(service, transport)) {
+  } else if (service.rfind(transport, 0) == 0) {
     const std::string serial = service.substr(transport.size());
     std::optional<Device> device;
     Locked([&] { for (const Device& d : devices_) device = d.serial == serial ? d : device; });
@@ -133,7 +125,7 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
     connection.Send(Reaction::Fail(!device                          ? "device '" + serial + "' not found"
                                    : device->state == "unauthorized" ? kUnauthorizedMessage
                                                                      : "device " + device->state).text);
-  } else if (StartsWith(service, getprop) && connection.device) {
+  } else if (service.rfind(getprop, 0) == 0 && connection.device) {
     const auto& properties = connection.device->properties;
     const auto found = properties.find(service.substr(getprop.size()));
     connection.Send("OKAY" + (found == properties.end() ? std::string() : found->second) + "\n");
