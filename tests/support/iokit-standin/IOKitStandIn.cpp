@@ -12,10 +12,10 @@
 // One lock guards everything; callbacks run without it, on the thread running the loop.
 #include "IOKitStandIn.h"
 
-#include <IOKit/IOMessage.h>
 #include <IOKit/usb/IOUSBLib.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -446,15 +446,11 @@ UsbPlatformFactory World::Factory() {
   };
 }
 
-void World::Send(const Device& device, uint32_t messageType) {
-  Lock lock(g.mutex);
+bool World::Send(const Device& device, uint32_t messageType) {
+  std::unique_lock<std::mutex> lock(g.mutex);
   g.events.push_back({device, messageType});
   g.changed.notify_all();
-}
-
-bool World::WaitIdle(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(g.mutex);
-  return g.changed.wait_for(lock, timeout, [] { return g.events.empty() && !g.busy; });
+  return g.changed.wait_for(lock, std::chrono::seconds(5), [] { return g.events.empty() && !g.busy; });
 }
 
 Handles World::Outstanding() {

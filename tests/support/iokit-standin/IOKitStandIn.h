@@ -4,7 +4,6 @@
 // handle, plug-in, device interface and CF object it still holds can be counted.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -56,12 +55,11 @@ class World {
 
   // The macOS USB source, built against the stand-in.
   UsbPlatformFactory Factory();
-  void Plug(const Device& device) { Send(device, 0); }
-  void Unplug(const std::string& id) { Message(id, kUsbMessageServiceIsTerminated); }
-  void Message(const std::string& id, uint32_t messageType) { Send(Device{id}, messageType); }
-  void Send(const Device& device, uint32_t messageType);  // 0 plugs the device
-  // Waits until every queued event has been handled on the watcher's run loop.
-  bool WaitIdle(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  // Each sends one event and waits (5 s at most) until the watcher's run loop has handled it.
+  bool Plug(const Device& device) { return Send(device, 0); }
+  bool Unplug(const std::string& id) { return Message(id, kUsbMessageServiceIsTerminated); }
+  bool Message(const std::string& id, uint32_t messageType) { return Send(Device{id}, messageType); }
+  bool Send(const Device& device, uint32_t messageType);  // 0 plugs the device
 
   Handles Outstanding();
   int PlatformsCreated();
