@@ -44,7 +44,7 @@ class Watcher : public ::testing::Test {
     fake_adb::Reset();
     log_capture::Clear();
     world_ = std::make_unique<iokit_standin::World>();
-    SetUsbPlatformFactory(world_->Factory());
+    SetUsbPlatformFactory(CreateMacUsbPlatform);  // the macOS source, built against the stand-in
     watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
   }
   void TearDown() override {
@@ -211,7 +211,7 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
   Start();
   ASSERT_TRUE(world_->Plug(Phone("late")));
   EXPECT_EQ(watcher_->StartListen(), 0) << "a second start leaves the running thread alone";
-  EXPECT_EQ(world_->PlatformsCreated(), 1);
+  EXPECT_EQ(world_->PortsCreated(), 1);
   EXPECT_EQ(Table().size(), 2u);
 
   watcher_->StopListen();
@@ -220,7 +220,7 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
   watcher_->StopListen();  // after the thread ended: nothing to do
 
   Start();
-  EXPECT_EQ(world_->PlatformsCreated(), 2);
+  EXPECT_EQ(world_->PortsCreated(), 2);
   EXPECT_EQ(Table().size(), 2u) << "the new thread drains the attached devices again";
 
   // A stop that comes before the run loop runs still ends the thread.
@@ -229,7 +229,7 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
     ASSERT_EQ(watcher_->StartListen(), 0);
   }
   watcher_->StopListen();
-  EXPECT_EQ(world_->PlatformsCreated(), 7) << "each start found the previous thread ended";
+  EXPECT_EQ(world_->PortsCreated(), 7) << "each start found the previous thread ended";
 
   world_->matching_fails = true;
   Start();

@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -37,9 +38,7 @@ struct Object {
   Device device = {};               // a service's, or the device a registration is about
   std::deque<Device> pending = {};  // an iterator's
   bool armed = false;               // an iterator drained since the last announcement
-  IOServiceMatchingCallback added = nullptr;
-  IOServiceInterestCallback interest = nullptr;
-  void* refCon = nullptr;
+  std::function<void(io_object_t self, io_object_t service, uint32_t messageType)> notify = nullptr;
 };
 
 // A plug (messageType 0) or a message about a device.
@@ -55,7 +54,7 @@ struct State {
   std::map<io_object_t, Object> objects;
   io_object_t next_handle = 1;
   iokit_standin::Handles held;  // COM and CF objects, by kind
-  int platforms = 0;
+  int ports = 0;  // made since the world began: one per watcher thread
   std::deque<Event> events;
   bool busy = false;
   std::map<std::string, CFObject*> constants;  // interned CFSTR texts and UUIDs
@@ -219,8 +218,7 @@ void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
     const Object registration = found->second;
     const io_object_t service = plug ? 0 : AddObject({"service", registration.device});
     lock.unlock();
-    plug ? registration.added(registration.refCon, target)
-         : registration.interest(registration.refCon, service, event.messageType, nullptr);
+    registration.notify(target, service, event.messageType);
     lock.lock();
     g.objects.erase(service);
   }
@@ -338,6 +336,7 @@ void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source) {
 IONotificationPortRef IONotificationPortCreate(mach_port_t mainPort) {
   if (mainPort != MACH_PORT_NULL) Misuse("a main port other than the default");
   Lock lock(g.mutex);
+  ++g.ports;
   return new IONotificationPort(kSource);
 }
 
@@ -377,8 +376,8 @@ kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef, const io_n
   ReleaseLocked(matching);  // consumed on every answer
   if (std::strcmp(type, kIOFirstMatchNotification) != 0 || !usb_devices) return kIOReturnUnsupported;
   if (g.world->add_matching_result != 0) return g.world->add_matching_result;
-  *notification = AddObject({"iterator", {}, {g.world->attached.begin(), g.world->attached.end()}, false, callback,
-                             nullptr, refCon});
+  *notification = AddObject({"iterator", {}, {g.world->attached.begin(), g.world->attached.end()}, false,
+                             [=](io_object_t it, io_object_t, uint32_t) { callback(refCon, it); }});
   return KERN_SUCCESS;
 }
 
@@ -389,7 +388,9 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef, io_service
   const Device device = Find(service, "service")->device;
   if (std::strcmp(type, kIOGeneralInterest) != 0) return kIOReturnUnsupported;
   if (device.interest_result != 0) return device.interest_result;
-  *notification = AddObject({"notification", device, {}, false, nullptr, callback, refCon});
+  *notification = AddObject({"notification", device, {}, false, [=](io_object_t, io_object_t s, uint32_t type) {
+                               callback(refCon, s, type, nullptr);
+                             }});
   return KERN_SUCCESS;
 }
 
@@ -430,20 +431,12 @@ World::World() {
   Lock lock(g.mutex);
   g.world = this;
   g.events.clear();
-  g.platforms = 0;
+  g.ports = 0;
 }
 
 World::~World() {
   Lock lock(g.mutex);
   g.world = nullptr;
-}
-
-UsbPlatformFactory World::Factory() {
-  return [] {
-    Lock lock(g.mutex);
-    ++g.platforms;
-    return CreateMacUsbPlatform();
-  };
 }
 
 bool World::Send(const Device& device, uint32_t messageType) {
@@ -461,9 +454,9 @@ Handles World::Outstanding() {
   return held;
 }
 
-int World::PlatformsCreated() {
+int World::PortsCreated() {
   Lock lock(g.mutex);
-  return g.platforms;
+  return g.ports;
 }
 
 }  // namespace iokit_standin

@@ -53,8 +53,6 @@ class World {
   bool matching_fails = false;
   int add_matching_result = 0;
 
-  // The macOS USB source, built against the stand-in.
-  UsbPlatformFactory Factory();
   // Each sends one event and waits (5 s at most) until the watcher's run loop has handled it.
   bool Plug(const Device& device) { return Send(device, 0); }
   bool Unplug(const std::string& id) { return Message(id, kUsbMessageServiceIsTerminated); }
@@ -62,7 +60,7 @@ class World {
   bool Send(const Device& device, uint32_t messageType);  // 0 plugs the device
 
   Handles Outstanding();
-  int PlatformsCreated();
+  int PortsCreated();  // one per watcher thread that got as far as registering
 };
 
 }  // namespace iokit_standin
