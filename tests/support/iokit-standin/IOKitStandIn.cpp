@@ -25,7 +25,6 @@
 #include <memory>
 #include <mutex>
 
-
 struct CFObject;
 namespace {
 
@@ -420,12 +419,6 @@ kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef 
 // --- The test's side --------------------------------------------------------------------------
 
 namespace iokit_standin {
-
-StringAnswer Text(const std::string& ascii) {
-  StringAnswer answer{{static_cast<unsigned char>(2 + 2 * ascii.size()), 3}};
-  for (char c : ascii) answer.bytes.insert(answer.bytes.end(), {static_cast<unsigned char>(c), 0});
-  return answer;
-}
 
 World::World() {
   Lock lock(g.mutex);

@@ -37,9 +37,6 @@ struct Device {
   int interest_result = 0;
 };
 
-// A string descriptor carrying ASCII text.
-StringAnswer Text(const std::string& ascii);
-
 // What the source holds, by kind: "service", "iterator", "notification", "plug-in", "interface"
 // and "cf" (notification ports, run-loop sources, CF objects); kinds with nothing held are absent.
 using Handles = std::map<std::string, int>;
