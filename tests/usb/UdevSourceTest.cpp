@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <thread>
 
 #include "FakeTarnwell.h"
@@ -109,33 +110,29 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
 // and a node this host may not use (EPERM: 0664 without udev rules) sends the rest to sysfs. The
 // decoding itself is the watcher logic's, tested there.
 TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
-  const auto node = [](std::map<uint8_t, std::u16string> strings, int error = 0) {
-    return [=](SimulatedUsbDevice& d) { d.has_node = true, d.strings = strings, d.fail_with_errno = error; };
+  using Strings = std::map<uint8_t, std::u16string>;
+  // Its strings in sysfs, its manufacturer's index, and the strings its node answers (no node when
+  // not given) or the error every transfer there fails with.
+  const auto with = [](std::optional<std::string> m, std::optional<std::string> p, uint8_t index,
+                       std::optional<Strings> node = std::nullopt, int error = 0) {
+    return [=](SimulatedUsbDevice& d) {
+      d.sysfs_manufacturer = m, d.sysfs_product = p, d.manufacturer_index = index;
+      d.has_node = node.has_value(), d.strings = node.value_or(Strings{}), d.fail_with_errno = error;
+    };
   };
-  const std::string x124(124, 'x');
+  const std::nullopt_t none = std::nullopt;
+  const std::string x124(124, 'x');  // then a pair that just fits the descriptor's 126 units, and one unit too many
   const struct {
     SimulatedUsbDevice device;
     std::string manufacturer, product;
     int transfers;
-    std::string way;
   } cases[] = {
-      {Phone(8, "no-node", [](SimulatedUsbDevice& d) {
-         d.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9", d.sysfs_product = "\xE4\xB8\xAD-Phone";
-       }), "Soci\xE9t\xE9", "?-Phone", 0, "taken from sysfs"},
-      {Phone(10, "half", [&](SimulatedUsbDevice& d) { node({}, EPERM)(d), d.sysfs_product.reset(); }),
-       "Acme", "", 1, "read by control transfer"},
-      // A product of 124 units, a pair that just fits the descriptor's 126, and one unit too many.
-      {Phone(11, "zero-sysfs", [&](SimulatedUsbDevice& d) {
-         d.manufacturer_index = 0, d.sysfs_manufacturer.reset(), d.sysfs_product = x124 + "\xF0\x9F\x98\x80y";
-       }), "?", x124 + "??", 0, "taken from sysfs"},
-      {Phone(12, "zero-node", [&](SimulatedUsbDevice& d) {
-         node({{2, u"Node"}})(d), d.manufacturer_index = 0, d.sysfs_product.reset();
-       }), "?", "Node", 1, "read by control transfer"},
-      {Phone(14, "stalls", [&](SimulatedUsbDevice& d) {
-         node({{1, u"Only"}})(d), d.sysfs_manufacturer.reset(), d.sysfs_product.reset();
-       }), "Only", "", 2, "read by control transfer"},
-      {Phone(15, "gone", [&](SimulatedUsbDevice& d) { node({}, ENODEV)(d), d.sysfs_manufacturer.reset(); }),
-       "", "Phone gone", 1, "read by control transfer"},
+      {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD-Phone", 1)), "Soci\xE9t\xE9", "?-Phone", 0},
+      {Phone(10, "half", with("Acme", none, 1, Strings{}, EPERM)), "Acme", "", 1},
+      {Phone(11, "zero-sysfs", with(none, x124 + "\xF0\x9F\x98\x80y", 0)), "?", x124 + "??", 0},
+      {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "?", "Node", 1},
+      {Phone(14, "stalls", with(none, none, 1, Strings{{1, u"Only"}})), "Only", "", 2},
+      {Phone(15, "gone", with(none, "Phone gone", 1, Strings{}, ENODEV)), "", "Phone gone", 1},
   };
   Start();
   for (const auto& c : cases) {
@@ -144,7 +141,8 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
     EXPECT_EQ(Entry(*c.device.serial).manufacturer, c.manufacturer) << syspath;
     EXPECT_EQ(Entry(*c.device.serial).product, c.product) << syspath;
     EXPECT_EQ(testbed_->Transfers() - before, c.transfers) << syspath;
-    EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + c.way), 1) << syspath;
+    const char* way = c.device.has_node ? "read by control transfer" : "taken from sysfs";
+    EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + way), 1) << syspath;
   }
   EXPECT_EQ(log_capture::CountContaining(": strings "), static_cast<int>(std::size(cases))) << "one line per device";
   EXPECT_EQ(log_capture::CountContaining("refused (Operation not permitted); sysfs answers the rest"), 1);
