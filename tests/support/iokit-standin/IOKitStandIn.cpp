@@ -22,7 +22,6 @@
 #include <cstring>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <mutex>
 
 struct CFObject;
@@ -258,10 +257,7 @@ CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef, UInt8 b0, UInt8 b1, UIn
 
 CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid) { return *reinterpret_cast<const CFUUIDBytes*>(uuid->text.data()); }
 
-CFRunLoopRef CFRunLoopGetCurrent(void) {
-  thread_local std::unique_ptr<__CFRunLoop> loop(new __CFRunLoop);
-  return loop.get();
-}
+CFRunLoopRef CFRunLoopGetCurrent(void) { thread_local __CFRunLoop loop; return &loop; }
 
 void CFRunLoopRun(void) {
   CFRunLoopRef loop = CFRunLoopGetCurrent();
@@ -289,16 +285,9 @@ void CFRunLoopRun(void) {
   }
 }
 
-void CFRunLoopStop(CFRunLoopRef loop) {
-  Lock lock(g.mutex);
-  loop->stopped = true;
-  g.changed.notify_all();
-}
+void CFRunLoopStop(CFRunLoopRef loop) { Lock lock(g.mutex); loop->stopped = true; g.changed.notify_all(); }
 
-void CFRunLoopWakeUp(CFRunLoopRef) {
-  Lock lock(g.mutex);
-  g.changed.notify_all();
-}
+void CFRunLoopWakeUp(CFRunLoopRef) { Lock lock(g.mutex); g.changed.notify_all(); }
 
 void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode) {
   Lock lock(g.mutex);
@@ -315,10 +304,8 @@ CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef, CFIndex, CFRunLoopSourc
   return source;
 }
 
-void CFRunLoopSourceSignal(CFRunLoopSourceRef source) {
-  Lock lock(g.mutex);
-  source->signalled = true;  // no wake-up: the loop sees it when it next looks
-}
+// No wake-up: the loop sees it when it next looks.
+void CFRunLoopSourceSignal(CFRunLoopSourceRef source) { Lock lock(g.mutex); source->signalled = true; }
 
 // A source is on one loop at most: invalidating it takes it off, with the loop's reference.
 void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source) {
@@ -339,10 +326,7 @@ IONotificationPortRef IONotificationPortCreate(mach_port_t mainPort) {
   return new IONotificationPort(kSource);
 }
 
-void IONotificationPortDestroy(IONotificationPortRef port) {
-  CFRunLoopSourceInvalidate(port);
-  CFRelease(port);
-}
+void IONotificationPortDestroy(IONotificationPortRef port) { CFRunLoopSourceInvalidate(port); CFRelease(port); }
 
 CFRunLoopSourceRef IONotificationPortGetRunLoopSource(IONotificationPortRef port) { return port; }
 
@@ -420,17 +404,9 @@ kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef 
 
 namespace iokit_standin {
 
-World::World() {
-  Lock lock(g.mutex);
-  g.world = this;
-  g.events.clear();
-  g.ports = 0;
-}
+World::World() { Lock lock(g.mutex); g.world = this; g.events.clear(); g.ports = 0; }
 
-World::~World() {
-  Lock lock(g.mutex);
-  g.world = nullptr;
-}
+World::~World() { Lock lock(g.mutex); g.world = nullptr; }
 
 bool World::Send(const Device& device, uint32_t messageType) {
   std::unique_lock<std::mutex> lock(g.mutex);
@@ -447,9 +423,6 @@ Handles World::Outstanding() {
   return held;
 }
 
-int World::PortsCreated() {
-  Lock lock(g.mutex);
-  return g.ports;
-}
+int World::PortsCreated() { Lock lock(g.mutex); return g.ports; }
 
 }  // namespace iokit_standin
