@@ -121,7 +121,7 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
     };
   };
   const std::nullopt_t none = std::nullopt;
-  const std::string x124(124, 'x');  // then a pair that just fits the descriptor's 126 units, and one unit too many
+  const std::string x123(123, 'x');  // then a pair, a unit that just fits the descriptor's 126, one too many
   const struct {
     SimulatedUsbDevice device;
     std::string manufacturer, product;
@@ -129,7 +129,7 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
   } cases[] = {
       {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD-Phone", 1)), "Soci\xE9t\xE9", "?-Phone", 0},
       {Phone(10, "half", with("Acme", none, 1, Strings{}, EPERM)), "Acme", "", 1},
-      {Phone(11, "zero-sysfs", with(none, x124 + "\xF0\x9F\x98\x80y", 0)), "?", x124 + "??", 0},
+      {Phone(11, "zero-sysfs", with(none, x123 + "\xF0\x9F\x98\x80yz", 0)), "?", x123 + "??y", 0},
       {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "?", "Node", 1},
       {Phone(14, "stalls", with(none, none, 1, Strings{{1, u"Only"}})), "Only", "", 2},
       {Phone(15, "gone", with(none, "Phone gone", 1, Strings{}, ENODEV)), "", "Phone gone", 1},
