@@ -3,7 +3,6 @@
 // control transfers answered (or refused) by a simulated device node for strings sysfs lacks.
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
 #include <functional>
 #include <iterator>
@@ -21,13 +20,10 @@ namespace {
 using namespace std::chrono_literals;
 using Change = std::function<void(SimulatedUsbDevice&)>;
 
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 5s) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
+bool WaitFor(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + 5s;
+  while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  return condition();
 }
 
 SimulatedUsbDevice Phone(int number, const std::string& serial, const Change& change = nullptr) {
@@ -84,24 +80,19 @@ class UdevSource : public ::testing::Test {
 // descriptors, with truncated ones.
 TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
   const Change no_serial = [](SimulatedUsbDevice& d) { d.serial.reset(); };
-  const auto interfaces = [](std::vector<std::array<uint8_t, 3>> classes) {
-    return [=](SimulatedUsbDevice& d) { d.interfaces = classes; };
-  };
   testbed_->Plug(Phone(2, "early-one"));
   testbed_->Plug(Phone(3, "unused", no_serial));
-  testbed_->Plug(Phone(4, "EARLY-TWO"));
+  testbed_->Plug(Phone(4, "early-two"));
   Start();
   const auto table = watcher_->CopyUSBDeviceMap();
   ASSERT_EQ(table.size(), 2u);
-  EXPECT_EQ(table.at("early-two").serial, "EARLY-TWO");
   EXPECT_EQ(table.at("early-one").vid, kAndroidVid);
   EXPECT_EQ(table.at("early-one").pid, kPlainPid);
 
-  testbed_->Plug(Phone(5, "unused", no_serial));
-  testbed_->Plug(Phone(6, "keyboard", interfaces({{0x03, 0x01, 0x01}, {0x03, 0x00, 0x00}})));
+  testbed_->Plug(Phone(6, "keyboard", [](SimulatedUsbDevice& d) { d.interfaces = {{0x03, 1, 1}, {0x03, 0, 0}}; }));
   testbed_->Plug(Phone(7, "no-descriptors", [](SimulatedUsbDevice& d) { d.descriptors.emplace(); }));
   testbed_->Plug(Phone(8, "truncated", [](SimulatedUsbDevice& d) { d.descriptors = {{18, 1, 0, 2}}; }));
-  testbed_->Unplug(PlugAndWait(Phone(9, "adb-phone", interfaces({{0x06, 0x01, 0x01}, {0xFF, 0x42, 0x01}}))));
+  testbed_->Unplug(PlugAndWait(Phone(9, "adb-phone", [](SimulatedUsbDevice& d) { d.interfaces = {{6, 1, 1}, {0xFF, 0x42, 1}}; })));
   ASSERT_TRUE(WaitFor([&] { return !Has("adb-phone"); }));
   EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices passed over left no entry";
   EXPECT_EQ(log_capture::CountContaining("no interface a phone has: serial:keyboard"), 1);
@@ -119,30 +110,29 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
 // and a node this host may not use (EPERM: 0664 without udev rules) sends the rest to sysfs. The
 // decoding itself is the watcher logic's, tested there.
 TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
-  const auto node = [](std::map<uint8_t, std::u16string> strings, int error = 0) {
-    return [=](SimulatedUsbDevice& d) { d.has_node = true, d.strings = strings, d.fail_with_errno = error; };
+  using Strings = std::map<uint8_t, std::u16string>;
+  // Its strings in sysfs, its manufacturer's index, and the strings its node answers (no node when
+  // not given) or the error every transfer there fails with.
+  const auto with = [](std::optional<std::string> m, std::optional<std::string> p, uint8_t index,
+                       std::optional<Strings> node = std::nullopt, int error = 0) {
+    return [=](SimulatedUsbDevice& d) {
+      d.sysfs_manufacturer = m, d.sysfs_product = p, d.manufacturer_index = index;
+      d.has_node = node.has_value(), d.strings = node.value_or(Strings{}), d.fail_with_errno = error;
+    };
   };
+  const std::nullopt_t none = std::nullopt;
+  const std::string x123(123, 'x');  // then a pair, a unit that just fits the descriptor's 126, one too many
   const struct {
     SimulatedUsbDevice device;
     std::string manufacturer, product;
     int transfers;
-    std::string way;
   } cases[] = {
-      {Phone(8, "no-node", [](SimulatedUsbDevice& d) {
-         d.sysfs_manufacturer = "Soci\xC3\xA9t\xC3\xA9", d.sysfs_product = "\xE4\xB8\xAD-Phone";
-       }), "Soci\xE9t\xE9", "?-Phone", 0, "taken from sysfs"},
-      {Phone(10, "half", [&](SimulatedUsbDevice& d) { node({}, EPERM)(d), d.sysfs_product.reset(); }),
-       "Acme", "", 1, "read by control transfer"},
-      {Phone(11, "zero-sysfs", [](SimulatedUsbDevice& d) { d.manufacturer_index = 0, d.sysfs_manufacturer.reset(); }),
-       "?", "Phone zero-sysfs", 0, "taken from sysfs"},
-      {Phone(12, "zero-node", [&](SimulatedUsbDevice& d) {
-         node({{2, u"Node"}})(d), d.manufacturer_index = 0, d.sysfs_product.reset();
-       }), "?", "Node", 1, "read by control transfer"},
-      {Phone(14, "stalls", [&](SimulatedUsbDevice& d) {
-         node({{1, u"Only"}})(d), d.sysfs_manufacturer.reset(), d.sysfs_product.reset();
-       }), "Only", "", 2, "read by control transfer"},
-      {Phone(15, "gone", [&](SimulatedUsbDevice& d) { node({}, ENODEV)(d), d.sysfs_manufacturer.reset(); }),
-       "", "Phone gone", 1, "read by control transfer"},
+      {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD-Phone", 1)), "Soci\xE9t\xE9", "?-Phone", 0},
+      {Phone(10, "half", with("Acme", none, 1, Strings{}, EPERM)), "Acme", "", 1},
+      {Phone(11, "zero-sysfs", with(none, x123 + "\xF0\x9F\x98\x80yz", 0)), "?", x123 + "??y", 0},
+      {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "?", "Node", 1},
+      {Phone(14, "stalls", with(none, none, 1, Strings{{1, u"Only"}})), "Only", "", 2},
+      {Phone(15, "gone", with(none, "Phone gone", 1, Strings{}, ENODEV)), "", "Phone gone", 1},
   };
   Start();
   for (const auto& c : cases) {
@@ -151,7 +141,8 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
     EXPECT_EQ(Entry(*c.device.serial).manufacturer, c.manufacturer) << syspath;
     EXPECT_EQ(Entry(*c.device.serial).product, c.product) << syspath;
     EXPECT_EQ(testbed_->Transfers() - before, c.transfers) << syspath;
-    EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + c.way), 1) << syspath;
+    const char* way = c.device.has_node ? "read by control transfer" : "taken from sysfs";
+    EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + way), 1) << syspath;
   }
   EXPECT_EQ(log_capture::CountContaining(": strings "), static_cast<int>(std::size(cases))) << "one line per device";
   EXPECT_EQ(log_capture::CountContaining("refused (Operation not permitted); sysfs answers the rest"), 1);

@@ -35,8 +35,6 @@ class UsbTestbed {
  public:
   UsbTestbed();
   ~UsbTestbed();
-  UsbTestbed(const UsbTestbed&) = delete;
-  UsbTestbed& operator=(const UsbTestbed&) = delete;
 
   // Adds the device (sending "add") and returns its sysfs path.
   std::string Plug(const SimulatedUsbDevice& device);

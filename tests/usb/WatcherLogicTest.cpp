@@ -5,9 +5,12 @@
 // by the time the watcher stops.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <cctype>
 #include <functional>
 #include <iterator>
+#include <optional>
 #include <set>
 #include <string>
 #include <tuple>
@@ -19,10 +22,15 @@
 #include "UsbTestLists.h"
 
 using iokit_standin::Device;
-using iokit_standin::StringAnswer;
-using iokit_standin::Text;
 
 namespace {
+
+// A string descriptor carrying ASCII text.
+iokit_standin::StringAnswer Text(const std::string& ascii) {
+  iokit_standin::StringAnswer answer{{static_cast<unsigned char>(2 + 2 * ascii.size()), 3}};
+  for (char c : ascii) answer.bytes.insert(answer.bytes.end(), {static_cast<unsigned char>(c), 0});
+  return answer;
+}
 
 Device Phone(const std::string& id, const std::function<void(Device&)>& change = nullptr) {
   Device device;
@@ -42,7 +50,7 @@ class Watcher : public ::testing::Test {
     fake_adb::Reset();
     log_capture::Clear();
     world_ = std::make_unique<iokit_standin::World>();
-    SetUsbPlatformFactory(world_->Factory());
+    SetUsbPlatformFactory(CreateMacUsbPlatform);  // the macOS source, built against the stand-in
     watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
   }
   void TearDown() override {
@@ -56,14 +64,6 @@ class Watcher : public ::testing::Test {
     ASSERT_EQ(watcher_->StartListen(), 0);
     ASSERT_TRUE(watcher_->WaitUntilListening(std::chrono::seconds(5)));
   }
-  void Plug(const Device& device) {
-    world_->Plug(device);
-    ASSERT_TRUE(world_->WaitIdle());
-  }
-  void Unplug(const std::string& id) {
-    world_->Unplug(id);
-    ASSERT_TRUE(world_->WaitIdle());
-  }
   int Held(const char* kind) { return world_->Outstanding()[kind]; }
   std::map<std::string, DeviceModleInfo> Table() { return watcher_->CopyUSBDeviceMap(); }
 
@@ -71,53 +71,15 @@ class Watcher : public ::testing::Test {
   ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
-// Half the devices are attached before the start, half plugged after it. The stand-in answers
-// only a bounded GET_DESCRIPTOR(STRING) in US English, by the index in the request.
-TEST_F(Watcher, RecordsPhonesWithTheirStringsDecodedByTheLowByteUpToTheFirstZeroUnit) {
-  const struct {
-    uint8_t index;  // of the manufacturer string
-    const char* id;
-    StringAnswer answer;
-    const char* expected;
-  } cases[] = {
-      {1, "sams", {{0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}}, "Sams"},
-      {1, "wrong-type", {{0x0A, 0x04, 'S', 0, 'a', 0, 'm', 0, 's', 0}}, ""},
-      {1, "short-transfer", {{0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}, 0, 8u}, ""},
-      {1, "failed-request", {{0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0}, 0x1F}, ""},
-      {1, "latin1", {{0x06, 0x03, 'C', 0, 0xE9, 0x00}}, "C\xE9"},
-      {1, "cjk", {{0x06, 0x03, 0x2D, 0x4E, 'x', 0}}, "?x"},
-      {1, "zero-unit", {{0x08, 0x03, 'A', 0, 0, 0, 'B', 0}}, "A"},
-      {1, "zero-low-byte", {{0x06, 0x03, 0x00, 0x01, 'B', 0}}, "?B"},
-      {1, "too-short", {{0x02, 0x03}}, ""},
-      {1, "odd-length", {{0x05, 0x03, 'A', 0, 'B'}}, "AB"},
-      {0, "lang", {{0x04, 0x03, 0x09, 0x04}}, "?"},  // index 0 asks for the language table
+// Each device is recorded, with its strings decoded by the low byte up to the first zero unit, or
+// passed over; it leaves exactly its one line (or none), and ADB is asked only about the devices the
+// lists call non-Android. Every other device is attached before the start, the rest plugged after
+// it. The stand-in answers only a bounded GET_DESCRIPTOR(STRING) in US English, by its index.
+TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLines) {
+  const auto says = [](uint8_t index, std::vector<unsigned char> bytes, int result = 0,
+                       std::optional<uint32_t> done = std::nullopt) {
+    return [=](Device& d) { d.manufacturer_index = index, d.strings[index] = {bytes, result, done}; };
   };
-  std::vector<Device> plugged;
-  for (const auto& c : cases) {
-    const Device device = Phone(c.id, [&](Device& d) { d.manufacturer_index = c.index, d.strings[c.index] = c.answer; });
-    ((&c - cases) % 2 == 0 ? world_->attached : plugged).push_back(device);
-  }
-  world_->attached.push_back(Phone("SER1AL"));
-  Start();
-  for (const Device& device : plugged) Plug(device);
-  const auto table = Table();
-  ASSERT_EQ(table.size(), std::size(cases) + 1);
-  for (const auto& c : cases) {
-    EXPECT_EQ(table.at(c.id).manufacturer, c.expected) << c.id;
-    EXPECT_EQ(table.at(c.id).product, std::string("Phone ") + c.id) << c.id;
-  }
-  const DeviceModleInfo& upper = table.at("ser1al");
-  EXPECT_EQ(upper.serial, "SER1AL") << "the key is lower case, the serial as the device says";
-  EXPECT_EQ(upper.vid, kAndroidVid);
-  EXPECT_EQ(upper.pid, kPlainPid);
-  EXPECT_EQ(Held("interface"), static_cast<int>(table.size())) << "kept while recorded";
-  EXPECT_EQ(Held("notification"), static_cast<int>(table.size()));
-  EXPECT_EQ(Held("service"), 0);
-}
-
-// Each device leaves exactly its one line (or none); ADB is asked only about the devices the lists
-// call non-Android.
-TEST_F(Watcher, PassesOverDevicesItCannotUseWithTheirLines) {
   const auto classes = [](std::vector<std::array<unsigned char, 3>> interfaces) {
     return [=](Device& d) {
       d.configuration = {9, 2, 0, 0, static_cast<unsigned char>(interfaces.size()), 1, 0, 0x80, 50};
@@ -132,38 +94,53 @@ TEST_F(Watcher, PassesOverDevicesItCannotUseWithTheirLines) {
   struct Case {
     const char* id;
     std::function<void(Device&)> change;
-    bool recorded;
-    int level = 0;  // of its one line; 0 for none
+    const char* manufacturer;  // as recorded; nullptr when passed over
+    int level = 0;             // of its one line; 0 for none
     std::string line = "";
   };
+  const std::vector<unsigned char> sams = {0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0};
   const Case cases[] = {
-      {"absent", [](Device& d) { d.serial.reset(); }, false},
-      {"empty", [](Device& d) { d.serial = ""; }, false},
-      {"too-long", [](Device& d) { d.serial = std::string(260, 'x'), d.vid = kUnknownVid; }, false},
-      {"number", [](Device& d) { d.serial_is_number = true; }, false},
-      {"longest", [](Device& d) { d.serial = std::string(259, 'y'); }, true},
-      {"refused", [](Device& d) { d.plugin_result = static_cast<int>(0xE00002C7); }, false, 3,
+      {"SER1AL", nullptr, "Acme"},  // recorded under its lower-case key
+      {"sams", says(1, sams), "Sams"},
+      {"wrong-type", says(1, {0x0A, 0x04, 'S', 0, 'a', 0, 'm', 0, 's', 0}), ""},
+      {"short-transfer", says(1, sams, 0, 8u), ""},
+      {"failed-request", says(1, sams, 0x1F), ""},
+      {"latin1", says(1, {0x06, 0x03, 'C', 0, 0xE9, 0x00}), "C\xE9"},
+      {"cjk", says(1, {0x06, 0x03, 0x2D, 0x4E, 'x', 0}), "?x"},
+      {"zero-unit", says(1, {0x08, 0x03, 'A', 0, 0, 0, 'B', 0}), "A"},
+      {"zero-low-byte", says(1, {0x06, 0x03, 0x00, 0x01, 'B', 0}), "?B"},
+      {"too-short", says(1, {0x02, 0x03}), ""},
+      {"odd-length", says(1, {0x05, 0x03, 'A', 0, 'B'}), "AB"},
+      {"lang", says(0, {0x04, 0x03, 0x09, 0x04}), "?"},  // index 0 asks for the language table
+      {"absent", [](Device& d) { d.serial.reset(); }, nullptr},
+      {"empty", [](Device& d) { d.serial = ""; }, nullptr},
+      {"too-long", [](Device& d) { d.serial = std::string(260, 'x'), d.vid = kUnknownVid; }, nullptr},
+      {"number", [](Device& d) { d.serial_is_number = true; }, nullptr},
+      {"longest", [](Device& d) { d.serial = std::string(259, 'y'); }, "Acme"},
+      {"refused", [](Device& d) { d.plugin_result = static_cast<int>(0xE00002C7); }, nullptr, 3,
        no_plugin + "0xe00002c7.\n"},
-      {"no-plugin", [](Device& d) { d.plugin_missing = true; }, false, 3, no_plugin + "0x00000000.\n"},
-      {"no-interface", [](Device& d) { d.interface_result = 0x7; }, false, 1, "no io usb device info"},
-      {"too-old", [](Device& d) { d.interface_version = 320; }, false, 1, "no io usb device info"},
-      {"older", [](Device& d) { d.interface_version = 650; }, true},
-      {"keyboard", classes({{0x03, 1, 1}, {0x03, 0, 0}}), false, 1, passed_over("keyboard")},
-      {"hub", classes({{0x09, 0, 1}, {0x09, 0, 2}}), false, 1, passed_over("hub")},
-      {"printer", classes({{0x07, 1, 2}}), false, 1, passed_over("printer")},
-      {"card-reader", classes({{0x0B, 0, 0}}), false, 1, passed_over("card-reader")},
-      {"radio", classes({{0xE0, 1, 1}, {0xFE, 1, 1}}), false, 1, passed_over("radio")},
-      {"phone", classes({{0x06, 1, 1}, {0xFF, 0x42, 1}}), true},
-      {"tethering", classes({{0xE0, 1, 3}, {0x0A, 0, 0}}), true},
-      {"hid-and-mtp", classes({{0x03, 0, 0}, {0x06, 1, 1}}), true},
-      {"broken", [](Device& d) { d.configuration = {9, 2, 12, 0, 1, 1, 0, 0x80, 50, 0, 4, 0}; }, true},
-      {"white", [](Device& d) { d.pid = kWhitePid; }, true},  // on both lists: the white one wins
-      {"BLACK", [](Device& d) { d.pid = kBlackPid; }, false, 2,
+      {"no-plugin", [](Device& d) { d.plugin_missing = true; }, nullptr, 3, no_plugin + "0x00000000.\n"},
+      {"no-interface", [](Device& d) { d.interface_result = 0x7; }, nullptr, 1, "no io usb device info"},
+      {"too-old", [](Device& d) { d.interface_version = 320; }, nullptr, 1, "no io usb device info"},
+      {"older", [](Device& d) { d.interface_version = 650; }, "Acme"},
+      {"keyboard", classes({{0x03, 1, 1}, {0x03, 0, 0}}), nullptr, 1, passed_over("keyboard")},
+      {"hub", classes({{0x09, 0, 1}, {0x09, 0, 2}}), nullptr, 1, passed_over("hub")},
+      {"printer", classes({{0x07, 1, 2}}), nullptr, 1, passed_over("printer")},
+      {"card-reader", classes({{0x0B, 0, 0}}), nullptr, 1, passed_over("card-reader")},
+      {"radio", classes({{0xE0, 1, 1}, {0xFE, 1, 1}}), nullptr, 1, passed_over("radio")},
+      {"phone", classes({{0x06, 1, 1}, {0xFF, 0x42, 1}}), "Acme"},
+      {"tethering", classes({{0xE0, 1, 3}, {0x0A, 0, 0}}), "Acme"},
+      {"hid-and-mtp", classes({{0x03, 0, 0}, {0x06, 1, 1}}), "Acme"},
+      // A keyboard's interface, then a descriptor that does not chain: the platform cannot tell.
+      {"broken", [](Device& d) { d.configuration = {9, 2, 21, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 3, 1, 1, 0, 0, 4, 0}; },
+       "Acme"},
+      {"white", [](Device& d) { d.pid = kWhitePid; }, "Acme"},  // on both lists: the white one wins
+      {"BLACK", [](Device& d) { d.pid = kBlackPid; }, nullptr, 2,
        "android device disconnected or invalid,ret=7, key serial:BLACK, vid:6353, pid:11"},
-      {"nameless", [](Device& d) { d.vid = d.pid = 65535; }, false, 2,
+      {"nameless", [](Device& d) { d.vid = d.pid = 65535; }, nullptr, 2,
        "invalid android devices,ret=0, key serial:nameless, vid:65535, pid:65535"},
-      {"named", [](Device& d) { d.vid = kUnknownVid; }, true},
-      {"stuck", [](Device& d) { d.interest_result = static_cast<int>(0xE00002BC); }, true, 3,
+      {"named", [](Device& d) { d.vid = kUnknownVid; }, "Acme"},
+      {"stuck", [](Device& d) { d.interest_result = static_cast<int>(0xE00002BC); }, "Acme", 3,
        "IOServiceAddInterestNotification failed, return 0xe00002bc."},
   };
   fake_adb::Script script;
@@ -172,29 +149,42 @@ TEST_F(Watcher, PassesOverDevicesItCannotUseWithTheirLines) {
     return serial == "BLACK" ? 7 : 0;
   };
   fake_adb::SetScript(script);
+  std::vector<Device> plugged;
+  for (const Case& c : cases) ((&c - cases) % 2 == 0 ? world_->attached : plugged).push_back(Phone(c.id, c.change));
   Start();
+  for (const Device& device : plugged) ASSERT_TRUE(world_->Plug(device)) << device.id;
   // (level, category, text): the validity check's lines carry the library's category.
   std::multiset<std::tuple<int, std::string, std::string>> expected_lines, lines;
   expected_lines.insert({3, "Pelmora", "Find non-android deivce key serial:BLACK\r vid:6353\r pid:11"});
-  int recorded = 0;
+  const auto table = Table();
+  size_t recorded = 0;
   for (const Case& c : cases) {
-    const Device device = Phone(c.id, c.change);
-    Plug(device);
-    EXPECT_EQ(Table().count(device.serial.value_or("")), c.recorded ? 1u : 0u) << c.id;
-    recorded += c.recorded;
     if (c.level != 0) expected_lines.insert({c.level, c.level == 2 ? "Pelmora" : "", c.line});
+    if (c.manufacturer == nullptr) continue;
+    const Device device = Phone(c.id, c.change);
+    std::string key = *device.serial;
+    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char ch) { return std::tolower(ch); });
+    ASSERT_EQ(table.count(key), 1u) << c.id;
+    const DeviceModleInfo& entry = table.at(key);
+    EXPECT_EQ(entry.manufacturer, c.manufacturer) << c.id;
+    EXPECT_EQ(entry.product, std::string("Phone ") + c.id) << c.id;
+    EXPECT_EQ(std::tie(entry.serial, entry.vid, entry.pid), std::tie(*device.serial, device.vid, device.pid))
+        << c.id << ": the serial as the device says";
+    ++recorded;
   }
+  EXPECT_EQ(table.size(), recorded) << "the devices passed over left no entry";
   for (const log_capture::Line& line : log_capture::Lines()) {
     lines.insert({line.level, line.has_category ? line.category : "", line.text});
   }
   EXPECT_EQ(lines, expected_lines);
-  EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:BLACK",
-                                                         "AdbGetPhoneManufacturer:nameless",
-                                                         "AdbGetPhoneManufacturer:named"}));
+  EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:BLACK",  // attached
+                                                         "AdbGetPhoneManufacturer:named",
+                                                         "AdbGetPhoneManufacturer:nameless"}));
   EXPECT_EQ(Held("plug-in"), 0);
-  EXPECT_EQ(Held("interface"), recorded) << "only recorded devices keep one";
-  EXPECT_EQ(Held("notification"), recorded - 1) << "all but the stuck one";
-  Unplug("stuck");
+  EXPECT_EQ(Held("service"), 0);
+  EXPECT_EQ(Held("interface"), static_cast<int>(recorded)) << "only recorded devices keep one";
+  EXPECT_EQ(Held("notification"), static_cast<int>(recorded) - 1) << "all but the stuck one";
+  ASSERT_TRUE(world_->Unplug("stuck"));
   EXPECT_EQ(Table().count("stuck"), 1u) << "no termination arrives for it";
 }
 
@@ -202,23 +192,21 @@ TEST_F(Watcher, TerminationRemovesItsDeviceOnceAndASharedKeyWithTheFirstToLeave)
   const Device upper = Phone("upper", [](Device& d) { d.serial = "ABC123", d.strings[1] = Text("First"); });
   const Device lower = Phone("lower", [](Device& d) { d.serial = "abc123", d.strings[1] = Text("Second"); });
   Start();
-  for (const Device& device : {Phone("one"), Phone("two"), upper, lower}) Plug(device);
-  world_->Message("one", 0xE0000020);  // some other notification about the device
-  ASSERT_TRUE(world_->WaitIdle());
+  for (const Device& device : {Phone("one"), Phone("two"), upper, lower}) ASSERT_TRUE(world_->Plug(device));
+  ASSERT_TRUE(world_->Message("one", 0xE0000020));  // some other notification about the device
   auto table = Table();
   ASSERT_EQ(table.size(), 3u);
-  EXPECT_EQ(table.at("abc123").serial, "ABC123");
-  EXPECT_EQ(table.at("abc123").manufacturer, "First");
+  EXPECT_EQ(table.at("abc123").manufacturer, "First") << "the first to arrive keeps the shared key";
   EXPECT_EQ(Held("notification"), 4) << "all four are registered";
-  Unplug("one");
-  Unplug("one");  // a second termination finds no registration
-  Unplug("lower");
+  ASSERT_TRUE(world_->Unplug("one"));
+  ASSERT_TRUE(world_->Unplug("one"));  // a second termination finds no registration
+  ASSERT_TRUE(world_->Unplug("lower"));
   table = Table();
   ASSERT_EQ(table.size(), 1u) << "the first termination takes the shared entry out";
   EXPECT_EQ(table.count("two"), 1u);
   EXPECT_EQ(Held("notification"), 2);
   EXPECT_EQ(Held("interface"), 2);
-  Unplug("upper");
+  ASSERT_TRUE(world_->Unplug("upper"));
   EXPECT_EQ(Table().size(), 1u);
   EXPECT_EQ(Held("notification"), 1);
 }
@@ -226,19 +214,16 @@ TEST_F(Watcher, TerminationRemovesItsDeviceOnceAndASharedKeyWithTheFirstToLeave)
 TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
   world_->attached = {Phone("early")};
   Start();
-  Plug(Phone("late"));
+  ASSERT_TRUE(world_->Plug(Phone("late")));
   EXPECT_EQ(watcher_->StartListen(), 0) << "a second start leaves the running thread alone";
-  ASSERT_TRUE(world_->WaitIdle());
-  EXPECT_EQ(world_->PlatformsCreated(), 1);
+  EXPECT_EQ(world_->PortsCreated(), 1);
   EXPECT_EQ(Table().size(), 2u);
 
-  watcher_->StopListen();
-  EXPECT_TRUE(Table().empty());
-  EXPECT_EQ(Held("notification"), 0);
+  watcher_->StopListen();  // the fixture's TearDown checks that a stop empties the table
   watcher_->StopListen();  // after the thread ended: nothing to do
 
   Start();
-  EXPECT_EQ(world_->PlatformsCreated(), 2);
+  EXPECT_EQ(world_->PortsCreated(), 2);
   EXPECT_EQ(Table().size(), 2u) << "the new thread drains the attached devices again";
 
   // A stop that comes before the run loop runs still ends the thread.
@@ -247,7 +232,7 @@ TEST_F(Watcher, StartStopRestartAndSetUpFailures) {
     ASSERT_EQ(watcher_->StartListen(), 0);
   }
   watcher_->StopListen();
-  EXPECT_EQ(world_->PlatformsCreated(), 7) << "each start found the previous thread ended";
+  EXPECT_EQ(world_->PortsCreated(), 7) << "each start found the previous thread ended";
 
   world_->matching_fails = true;
   Start();

@@ -12,77 +12,31 @@
 // One lock guards everything; callbacks run without it, on the thread running the loop.
 #include "IOKitStandIn.h"
 
-#include <IOKit/IOMessage.h>
 #include <IOKit/usb/IOUSBLib.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <memory>
+#include <functional>
 #include <mutex>
-#include <type_traits>
 
-#include "UsbPlatform.h"
-
-namespace {
-int cf_objects = 0;  // made and not yet released, constants aside; guarded by g.mutex
-}  // namespace
-
-// Every CF object; the distinct types of the headers share its fields.
-struct CFObject {
-  CFObject(CFTypeID t, std::string s = {}, bool is_constant = false)
-      : type(t), text(std::move(s)), constant(is_constant) { cf_objects += !constant; }
-  virtual ~CFObject() { cf_objects -= !constant; }
-  CFTypeID type;
-  std::string text;  // a string's text, a matching dictionary's class name, a UUID's bytes
-  bool constant;
-  int refs = 1;
-};
-struct __CFString : CFObject { using CFObject::CFObject; };
-struct __CFDictionary : CFObject { using CFObject::CFObject; };
-struct __CFUUID : CFObject { using CFObject::CFObject; };
-struct __CFRunLoopSource : CFObject {
-  using CFObject::CFObject;
-  CFRunLoopSourceContext context = {};
-  bool signalled = false;
-  bool is_port = false;  // a notification port's source: the loop delivers events through it
-  CFRunLoopRef loop = nullptr;
-};
-struct __CFRunLoop {
-  std::vector<CFRunLoopSourceRef> sources;
-  bool stopped = false;
-};
-struct IONotificationPort { CFRunLoopSourceRef source; };
-
+struct CFObject;
 namespace {
 
 using iokit_standin::Device;
 using Lock = std::lock_guard<std::mutex>;
 
-enum CFType : CFTypeID { kString = 1, kDictionary, kUuid, kNumber, kSource };
-constexpr IOReturn kPipeStalled = static_cast<IOReturn>(0xE000404F);  // kIOUSBPipeStalled
-
-// COM objects: the table pointer comes first, so that the object's address is the T** handed out.
-// Nothing calls AddRef, so the one Release ends the object.
-template <typename Table>
-struct ComObject {
-  const Table* table;
-  Device device;
-};
-using PlugInObject = ComObject<IOCFPlugInInterface>;
-using DeviceObject = ComObject<IOUSBDeviceInterface942>;
-
+// An IOKit handle: a service, an iterator or an interest registration, by its kind's name.
 struct Object {
-  enum Kind { kService, kIterator, kInterest } kind;
-  Device device = {};               // kService, and the device a kInterest is about
-  std::deque<Device> pending = {};  // kIterator
-  bool armed = false;          // kIterator: drained since the last announcement
-  IOServiceMatchingCallback added = nullptr;
-  IOServiceInterestCallback interest = nullptr;
-  void* refCon = nullptr;
+  std::string kind;
+  Device device = {};               // a service's, or the device a registration is about
+  std::deque<Device> pending = {};  // an iterator's
+  bool armed = false;               // an iterator drained since the last announcement
+  std::function<void(io_object_t self, io_object_t service, uint32_t messageType)> notify = nullptr;
 };
 
 // A plug (messageType 0) or a message about a device.
@@ -97,13 +51,58 @@ struct State {
   iokit_standin::World* world = nullptr;
   std::map<io_object_t, Object> objects;
   io_object_t next_handle = 1;
-  int plugins = 0, interfaces = 0, platforms = 0;
+  iokit_standin::Handles held;  // COM and CF objects, by kind
+  int ports = 0;  // made since the world began: one per watcher thread
   std::deque<Event> events;
   bool busy = false;
   std::map<std::string, CFObject*> constants;  // interned CFSTR texts and UUIDs
 };
 // Never destroyed: a watcher thread may outlive the tests' statics.
 State& g = *new State;
+
+}  // namespace
+
+// Every CF object; the distinct types of the headers share its fields. Made and released with
+// g.mutex held.
+struct CFObject {
+  CFObject(CFTypeID t, std::string s = {}, bool is_constant = false)
+      : type(t), text(std::move(s)), constant(is_constant) { g.held["cf"] += !constant; }
+  virtual ~CFObject() { g.held["cf"] -= !constant; }
+  CFTypeID type;
+  std::string text;  // a string's text, a matching dictionary's class name, a UUID's bytes
+  bool constant;
+  int refs = 1;
+};
+struct __CFString : CFObject { using CFObject::CFObject; };
+struct __CFDictionary : CFObject { using CFObject::CFObject; };
+struct __CFUUID : CFObject { using CFObject::CFObject; };
+struct __CFRunLoopSource : CFObject {
+  using CFObject::CFObject;
+  CFRunLoopSourceContext context = {};
+  bool signalled = false;
+  CFRunLoopRef loop = nullptr;
+};
+// A port is its own run-loop source: the loop delivers events through it. One left undestroyed
+// is counted as a CF object.
+struct IONotificationPort : __CFRunLoopSource { using __CFRunLoopSource::__CFRunLoopSource; };
+bool IsPort(CFRunLoopSourceRef source) { return dynamic_cast<IONotificationPort*>(source) != nullptr; }
+struct __CFRunLoop {
+  std::vector<CFRunLoopSourceRef> sources;
+  bool stopped = false;
+};
+
+namespace {
+
+enum CFType : CFTypeID { kString = 1, kDictionary, kUuid, kNumber, kSource };
+constexpr IOReturn kPipeStalled = static_cast<IOReturn>(0xE000404F);  // kIOUSBPipeStalled
+
+// A COM object: the table pointer comes first, so that the object's address is the T** handed
+// out. Nothing calls AddRef, so the one Release ends the object.
+struct ComObject {
+  const void* table;
+  Device device;
+  const char* kind;
+};
 
 // A call the real framework would answer with a crash, or worse.
 [[noreturn]] void Misuse(const char* what) {
@@ -116,7 +115,7 @@ io_object_t AddObject(Object object) {
   return g.next_handle++;
 }
 
-Object* Find(io_object_t handle, Object::Kind kind) {
+Object* Find(io_object_t handle, const char* kind) {
   const auto found = g.objects.find(handle);
   if (found == g.objects.end() || found->second.kind != kind) Misuse("a handle that is not what the call needs");
   return &found->second;
@@ -132,30 +131,32 @@ template <typename T>
 T* Intern(CFType type, const std::string& text) {
   Lock lock(g.mutex);
   CFObject*& slot = g.constants[std::to_string(type) + text];
-  if (slot == nullptr) slot = new T(type, text, true);
-  return static_cast<T*>(slot);
+  return static_cast<T*>(slot != nullptr ? slot : slot = new T(type, text, true));
 }
 
-template <typename T>
+void* NewCom(const void* table, const Device& device, const char* kind) {
+  return ++g.held[kind], new ComObject{table, device, kind};
+}
+
 ULONG Release(void* self) {
   Lock lock(g.mutex);
-  --(std::is_same<T, PlugInObject>::value ? g.plugins : g.interfaces);
-  delete static_cast<T*>(self);
+  --g.held[static_cast<ComObject*>(self)->kind];
+  delete static_cast<ComObject*>(self);
   return 0;
 }
 
-const Device& DeviceOf(void* self) { return static_cast<DeviceObject*>(self)->device; }
+Device& DeviceOf(void* self) { return static_cast<ComObject*>(self)->device; }
 
 const IOUSBDeviceInterface942 kDeviceTable = [] {
   IOUSBDeviceInterface942 table = {};
-  table.Release = Release<DeviceObject>;
+  table.Release = Release;
   table.GetDeviceVendor = [](void* self, UInt16* vid) { return *vid = DeviceOf(self).vid, kIOReturnSuccess; };
   table.GetDeviceProduct = [](void* self, UInt16* pid) { return *pid = DeviceOf(self).pid, kIOReturnSuccess; };
   table.USBGetManufacturerStringIndex = [](void* self, UInt8* i) { return *i = DeviceOf(self).manufacturer_index, 0; };
   table.USBGetProductStringIndex = [](void* self, UInt8* i) { return *i = DeviceOf(self).product_index, 0; };
   table.GetNumberOfConfigurations = [](void* self, UInt8* n) { return *n = !DeviceOf(self).configuration.empty(), 0; };
   table.GetConfigurationDescriptorPtr = [](void* self, UInt8 index, IOUSBConfigurationDescriptorPtr* out) {
-    auto& bytes = static_cast<DeviceObject*>(self)->device.configuration;
+    auto& bytes = DeviceOf(self).configuration;
     *out = index == 0 ? reinterpret_cast<IOUSBConfigurationDescriptorPtr>(bytes.data()) : nullptr;
     return *out != nullptr ? kIOReturnSuccess : kIOReturnUnsupported;
   };
@@ -184,33 +185,27 @@ const IOCFPlugInInterface kPlugInTable = [] {
         {kIOUSBDeviceInterfaceID942, 942}, {kIOUSBDeviceInterfaceID650, 650}, {kIOUSBDeviceInterfaceID500, 500}};
     for (const auto& [id, v] : ids) version = std::memcmp(id->text.data(), &iid, sizeof iid) == 0 ? v : version;
     Lock lock(g.mutex);
-    const Device& device = static_cast<PlugInObject*>(self)->device;
+    const Device& device = DeviceOf(self);
     if (version == 0 || version > device.interface_version) return E_NOINTERFACE;
     if (device.interface_result != 0) return device.interface_result;
-    ++g.interfaces;
-    *out = new DeviceObject{&kDeviceTable, device};
+    *out = NewCom(&kDeviceTable, device, "interface");
     return S_OK;
   };
-  table.Release = Release<PlugInObject>;
+  table.Release = Release;
   return table;
 }();
 
 // Hands one event to the registrations it concerns; called with the lock held.
 void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
   const bool plug = event.messageType == 0;
-  auto& attached = g.world->attached;
-  if (plug) attached.push_back(event.device);
-  if (event.messageType == kIOMessageServiceIsTerminated) {
-    attached.erase(std::remove_if(attached.begin(), attached.end(), [&](const Device& d) { return d.id == event.device.id; }),
-                   attached.end());
-  }
+  if (plug) g.world->attached.push_back(event.device);
   std::vector<io_object_t> targets;
   for (auto& [handle, object] : g.objects) {
-    if (plug && object.kind == Object::kIterator) {
+    if (plug && object.kind == "iterator") {
       object.pending.push_back(event.device);
       if (object.armed) targets.push_back(handle);
       object.armed = false;
-    } else if (!plug && object.kind == Object::kInterest && object.device.id == event.device.id) {
+    } else if (!plug && object.kind == "notification" && object.device.id == event.device.id) {
       targets.push_back(handle);
     }
   }
@@ -219,13 +214,9 @@ void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
     const auto found = g.objects.find(target);
     if (found == g.objects.end()) continue;
     const Object registration = found->second;
-    const io_object_t service = plug ? 0 : AddObject({Object::kService, registration.device});
+    const io_object_t service = plug ? 0 : AddObject({"service", registration.device});
     lock.unlock();
-    if (plug) {
-      registration.added(registration.refCon, target);
-    } else {
-      registration.interest(registration.refCon, service, event.messageType, nullptr);
-    }
+    registration.notify(target, service, event.messageType);
     lock.lock();
     g.objects.erase(service);
   }
@@ -266,25 +257,22 @@ CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef, UInt8 b0, UInt8 b1, UIn
 
 CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid) { return *reinterpret_cast<const CFUUIDBytes*>(uuid->text.data()); }
 
-CFRunLoopRef CFRunLoopGetCurrent(void) {
-  thread_local std::unique_ptr<__CFRunLoop> loop(new __CFRunLoop);
-  return loop.get();
-}
+CFRunLoopRef CFRunLoopGetCurrent(void) { thread_local __CFRunLoop loop; return &loop; }
 
 void CFRunLoopRun(void) {
   CFRunLoopRef loop = CFRunLoopGetCurrent();
   std::unique_lock<std::mutex> lock(g.mutex);
   loop->stopped = false;  // each run starts afresh: an earlier stop is lost
-  while (!loop->stopped && !loop->sources.empty()) {
-    const auto has = [&](auto test) { return std::find_if(loop->sources.begin(), loop->sources.end(), test); };
-    const auto fired = has([](CFRunLoopSourceRef s) { return s->signalled; });
-    if (fired != loop->sources.end()) {
+  const auto& sources = loop->sources;
+  while (!loop->stopped && !sources.empty()) {
+    const auto fired = std::find_if(sources.begin(), sources.end(), [](auto s) { return s->signalled; });
+    if (fired != sources.end()) {
       (*fired)->signalled = false;
       const CFRunLoopSourceContext context = (*fired)->context;
       lock.unlock();
       if (context.perform != nullptr) context.perform(context.info);
       lock.lock();
-    } else if (has([](CFRunLoopSourceRef s) { return s->is_port; }) == loop->sources.end() || g.events.empty()) {
+    } else if (g.events.empty() || std::none_of(sources.begin(), sources.end(), IsPort)) {
       g.changed.wait(lock);
     } else {
       const Event event = g.events.front();
@@ -297,16 +285,9 @@ void CFRunLoopRun(void) {
   }
 }
 
-void CFRunLoopStop(CFRunLoopRef loop) {
-  Lock lock(g.mutex);
-  loop->stopped = true;
-  g.changed.notify_all();
-}
+void CFRunLoopStop(CFRunLoopRef loop) { Lock lock(g.mutex); loop->stopped = true; g.changed.notify_all(); }
 
-void CFRunLoopWakeUp(CFRunLoopRef) {
-  Lock lock(g.mutex);
-  g.changed.notify_all();
-}
+void CFRunLoopWakeUp(CFRunLoopRef) { Lock lock(g.mutex); g.changed.notify_all(); }
 
 void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode) {
   Lock lock(g.mutex);
@@ -323,10 +304,8 @@ CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef, CFIndex, CFRunLoopSourc
   return source;
 }
 
-void CFRunLoopSourceSignal(CFRunLoopSourceRef source) {
-  Lock lock(g.mutex);
-  source->signalled = true;  // no wake-up: the loop sees it when it next looks
-}
+// No wake-up: the loop sees it when it next looks.
+void CFRunLoopSourceSignal(CFRunLoopSourceRef source) { Lock lock(g.mutex); source->signalled = true; }
 
 // A source is on one loop at most: invalidating it takes it off, with the loop's reference.
 void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source) {
@@ -340,22 +319,16 @@ void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source) {
 
 // --- IOKit ------------------------------------------------------------------------------------
 
-// A port left undestroyed shows as its run-loop source, still counted.
 IONotificationPortRef IONotificationPortCreate(mach_port_t mainPort) {
   if (mainPort != MACH_PORT_NULL) Misuse("a main port other than the default");
   Lock lock(g.mutex);
-  auto* source = new __CFRunLoopSource(kSource);
-  source->is_port = true;
-  return new IONotificationPort{source};
+  ++g.ports;
+  return new IONotificationPort(kSource);
 }
 
-void IONotificationPortDestroy(IONotificationPortRef port) {
-  CFRunLoopSourceInvalidate(port->source);
-  CFRelease(port->source);
-  delete port;
-}
+void IONotificationPortDestroy(IONotificationPortRef port) { CFRunLoopSourceInvalidate(port); CFRelease(port); }
 
-CFRunLoopSourceRef IONotificationPortGetRunLoopSource(IONotificationPortRef port) { return port->source; }
+CFRunLoopSourceRef IONotificationPortGetRunLoopSource(IONotificationPortRef port) { return port; }
 
 kern_return_t IOObjectRelease(io_object_t object) {
   Lock lock(g.mutex);
@@ -365,10 +338,10 @@ kern_return_t IOObjectRelease(io_object_t object) {
 
 io_object_t IOIteratorNext(io_iterator_t iterator) {
   Lock lock(g.mutex);
-  Object* it = Find(iterator, Object::kIterator);
+  Object* it = Find(iterator, "iterator");
   it->armed = it->pending.empty();
   if (it->armed) return 0;
-  const io_object_t service = AddObject({Object::kService, it->pending.front()});
+  const io_object_t service = AddObject({"service", it->pending.front()});
   it->pending.pop_front();
   return service;
 }
@@ -386,10 +359,8 @@ kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef, const io_n
   ReleaseLocked(matching);  // consumed on every answer
   if (std::strcmp(type, kIOFirstMatchNotification) != 0 || !usb_devices) return kIOReturnUnsupported;
   if (g.world->add_matching_result != 0) return g.world->add_matching_result;
-  Object it{Object::kIterator, {}, {g.world->attached.begin(), g.world->attached.end()}};
-  it.added = callback;
-  it.refCon = refCon;
-  *notification = AddObject(std::move(it));
+  *notification = AddObject({"iterator", {}, {g.world->attached.begin(), g.world->attached.end()}, false,
+                             [=](io_object_t it, io_object_t, uint32_t) { callback(refCon, it); }});
   return KERN_SUCCESS;
 }
 
@@ -397,19 +368,19 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef, io_service
                                                const io_name_t type, IOServiceInterestCallback callback,
                                                void* refCon, io_object_t* notification) {
   Lock lock(g.mutex);
-  Object registration{Object::kInterest, Find(service, Object::kService)->device};
+  const Device device = Find(service, "service")->device;
   if (std::strcmp(type, kIOGeneralInterest) != 0) return kIOReturnUnsupported;
-  if (registration.device.interest_result != 0) return registration.device.interest_result;
-  registration.interest = callback;
-  registration.refCon = refCon;
-  *notification = AddObject(std::move(registration));
+  if (device.interest_result != 0) return device.interest_result;
+  *notification = AddObject({"notification", device, {}, false, [=](io_object_t, io_object_t s, uint32_t type) {
+                               callback(refCon, s, type, nullptr);
+                             }});
   return KERN_SUCCESS;
 }
 
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                           CFAllocatorRef, IOOptionBits) {
   Lock lock(g.mutex);
-  const Device& device = Find(entry, Object::kService)->device;
+  const Device& device = Find(entry, "service")->device;
   if (std::strcmp(plane, kIOServicePlane) != 0 || key->text != kUSBSerialNumberString) return nullptr;
   if (device.serial_is_number) return new CFObject(kNumber);
   return device.serial ? new __CFString(kString, *device.serial) : nullptr;
@@ -422,11 +393,10 @@ kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef 
   Lock lock(g.mutex);
   *plugIn = nullptr;
   *score = 0;
-  const Device& device = Find(service, Object::kService)->device;
+  const Device& device = Find(service, "service")->device;
   if (!usb_device) return kIOReturnUnsupported;
   if (device.plugin_result != 0 || device.plugin_missing) return device.plugin_result;
-  ++g.plugins;
-  *plugIn = reinterpret_cast<IOCFPlugInInterface**>(new PlugInObject{&kPlugInTable, device});
+  *plugIn = static_cast<IOCFPlugInInterface**>(NewCom(&kPlugInTable, device, "plug-in"));
   return KERN_SUCCESS;
 }
 
@@ -434,69 +404,25 @@ kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef 
 
 namespace iokit_standin {
 
-StringAnswer Text(const std::string& ascii) {
-  StringAnswer answer{{static_cast<unsigned char>(2 + 2 * ascii.size()), 3}};
-  for (char c : ascii) answer.bytes.insert(answer.bytes.end(), {static_cast<unsigned char>(c), 0});
-  return answer;
-}
+World::World() { Lock lock(g.mutex); g.world = this; g.events.clear(); g.ports = 0; }
 
-World::World() {
-  Lock lock(g.mutex);
-  g.world = this;
-  g.events.clear();
-  g.platforms = 0;
-}
+World::~World() { Lock lock(g.mutex); g.world = nullptr; }
 
-World::~World() {
-  Lock lock(g.mutex);
-  g.world = nullptr;
-}
-
-UsbPlatformFactory World::Factory() {
-  return [] {
-    Lock lock(g.mutex);
-    ++g.platforms;
-    return CreateMacUsbPlatform();
-  };
-}
-
-void World::Plug(const Device& device) {
-  Lock lock(g.mutex);
-  g.events.push_back({device, 0});
-  g.changed.notify_all();
-}
-
-void World::Unplug(const std::string& id) { Message(id, kIOMessageServiceIsTerminated); }
-
-void World::Message(const std::string& id, uint32_t messageType) {
-  Device device;
-  device.id = id;
-  Lock lock(g.mutex);
+bool World::Send(const Device& device, uint32_t messageType) {
+  std::unique_lock<std::mutex> lock(g.mutex);
   g.events.push_back({device, messageType});
   g.changed.notify_all();
-}
-
-bool World::WaitIdle(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(g.mutex);
-  return g.changed.wait_for(lock, timeout, [] { return g.events.empty() && !g.busy; });
+  return g.changed.wait_for(lock, std::chrono::seconds(5), [] { return g.events.empty() && !g.busy; });
 }
 
 Handles World::Outstanding() {
   Lock lock(g.mutex);
   Handles held;
-  const auto add = [&](const char* kind, int count) { if (count != 0) held[kind] += count; };
-  add("plug-in", g.plugins);
-  add("interface", g.interfaces);
-  add("other", cf_objects);
-  for (const auto& [handle, object] : g.objects) {
-    add(object.kind == Object::kService ? "service" : object.kind == Object::kInterest ? "notification" : "other", 1);
-  }
+  for (const auto& [kind, count] : g.held) if (count != 0) held[kind] = count;
+  for (const auto& [handle, object] : g.objects) ++held[object.kind];
   return held;
 }
 
-int World::PlatformsCreated() {
-  Lock lock(g.mutex);
-  return g.platforms;
-}
+int World::PortsCreated() { Lock lock(g.mutex); return g.ports; }
 
 }  // namespace iokit_standin

@@ -4,7 +4,6 @@
 // handle, plug-in, device interface and CF object it still holds can be counted.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "ListenDeviceChangeMac.h"
+#include "UsbPlatform.h"
 
 namespace iokit_standin {
 
@@ -24,12 +24,12 @@ struct StringAnswer {
 
 struct Device {
   std::string id;                     // the test's name for it
-  std::optional<std::string> serial;  // the "USB Serial Number" property
+  std::optional<std::string> serial = std::nullopt;  // the "USB Serial Number" property
   bool serial_is_number = false;      // the property holds a number instead of a text
   uint16_t vid = 0, pid = 0;
   uint8_t manufacturer_index = 1, product_index = 2;
-  std::map<uint8_t, StringAnswer> strings;   // an index not here stalls
-  std::vector<unsigned char> configuration;  // its one configuration descriptor; none if empty
+  std::map<uint8_t, StringAnswer> strings = {};   // an index not here stalls
+  std::vector<unsigned char> configuration = {};  // its one configuration descriptor; none if empty
   int plugin_result = 0;
   bool plugin_missing = false;  // the plug-in call succeeds without a plug-in
   int interface_result = 0;     // QueryInterface's answer for a device interface it offers
@@ -37,11 +37,8 @@ struct Device {
   int interest_result = 0;
 };
 
-// A string descriptor carrying ASCII text.
-StringAnswer Text(const std::string& ascii);
-
-// What the source holds, by kind: "service", "plug-in", "interface", "notification" and "other"
-// (iterators, notification ports, run-loop sources, CF objects); kinds with nothing held are absent.
+// What the source holds, by kind: "service", "iterator", "notification", "plug-in", "interface"
+// and "cf" (notification ports, run-loop sources, CF objects); kinds with nothing held are absent.
 using Handles = std::map<std::string, int>;
 
 // The simulated system; one at a time. Scripted fields are read when the watcher sets up.
@@ -49,20 +46,18 @@ class World {
  public:
   World();
   ~World();
-  std::vector<Device> attached;  // what the arrival registration finds; Plug and Unplug keep it
+  std::vector<Device> attached;  // what the arrival registration finds; Plug adds to it
   bool matching_fails = false;
   int add_matching_result = 0;
 
-  // The macOS USB source, built against the stand-in.
-  UsbPlatformFactory Factory();
-  void Plug(const Device& device);
-  void Unplug(const std::string& id);
-  void Message(const std::string& id, uint32_t messageType);
-  // Waits until every queued event has been handled on the watcher's run loop.
-  bool WaitIdle(std::chrono::milliseconds timeout = std::chrono::seconds(5));
+  // Each sends one event and waits (5 s at most) until the watcher's run loop has handled it.
+  bool Plug(const Device& device) { return Send(device, 0); }
+  bool Unplug(const std::string& id) { return Message(id, kUsbMessageServiceIsTerminated); }
+  bool Message(const std::string& id, uint32_t messageType) { return Send(Device{id}, messageType); }
+  bool Send(const Device& device, uint32_t messageType);  // 0 plugs the device
 
   Handles Outstanding();
-  int PlatformsCreated();
+  int PortsCreated();  // one per watcher thread that got as far as registering
 };
 
 }  // namespace iokit_standin

@@ -5,9 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+extern "C" {  // the stand-in is only ever compiled as C++
 
 typedef uint8_t UInt8;
 typedef uint16_t UInt16;
@@ -81,6 +79,4 @@ typedef CFUUIDBytes REFIID;
   ULONG (*AddRef)(void* thisPointer);                                        \
   ULONG (*Release)(void* thisPointer)
 
-#ifdef __cplusplus
 }
-#endif

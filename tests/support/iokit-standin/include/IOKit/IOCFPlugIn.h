@@ -3,9 +3,7 @@
 
 #include <IOKit/IOKitLib.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 #define kIOCFPlugInInterfaceID                                                                 \
   CFUUIDGetConstantUUIDWithBytes(NULL, 0xC2, 0x44, 0xE8, 0x58, 0x10, 0x9C, 0x11, 0xD4, 0x91, \
@@ -19,6 +17,4 @@ typedef struct IOCFPlugInInterfaceStruct {
 kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef pluginType, CFUUIDRef interfaceType,
                                                 IOCFPlugInInterface*** theInterface, SInt32* theScore);
 
-#ifdef __cplusplus
 }
-#endif

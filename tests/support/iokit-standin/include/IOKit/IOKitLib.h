@@ -4,9 +4,7 @@
 
 #include <CoreFoundation/CoreFoundation.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 typedef unsigned int natural_t;
 typedef natural_t mach_port_t;
@@ -55,6 +53,4 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notifyPort,
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                           CFAllocatorRef allocator, IOOptionBits options);
 
-#ifdef __cplusplus
 }
-#endif

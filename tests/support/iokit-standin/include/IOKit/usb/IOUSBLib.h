@@ -5,9 +5,7 @@
 
 #include <IOKit/IOCFPlugIn.h>
 
-#ifdef __cplusplus
 extern "C" {
-#endif
 
 #define kIOUSBDeviceClassName "IOUSBDevice"
 #define kUSBSerialNumberString "USB Serial Number"
@@ -60,6 +58,4 @@ typedef struct IOUSBDeviceStruct942 {
   // Apple's table goes on (serial index, re-enumeration, power, notifications ...).
 } IOUSBDeviceInterface942;
 
-#ifdef __cplusplus
 }
-#endif
