@@ -59,22 +59,12 @@ TEST_F(PollThroughRealAdb, AHungPhoneDelaysNeitherOtherPhonesNorTheStop) {
   auto hung = phone("Hung", false);
   ASSERT_TRUE(server.Connect(hung->port()));
   auto listener = std::make_unique<AndListenerEx>(reports::Collect, ListenerWiring{&watcher_});
-
-  // Polls by hand: the first pays the property bound once, the next ones only the retry pauses.
-  const UsbTable usb;
-  std::map<std::string, DeviceBasicInfo_> previous;
-  int last_code = 0;
-  for (int poll = 0; poll < 3; ++poll) {
-    const auto start = Clock::now();
-    AdbTable adb;
-    const int code = GetDevicesAuthorStatusEx(adb);
-    listener->DealListenInfo(&usb, code == 0 ? &adb : nullptr, &previous, code, &last_code);
-    EXPECT_TRUE(poll == 0 || Clock::now() - start < 1500ms) << "poll " << poll;
-  }
-  ASSERT_FALSE(WaitForEntry(hung->serial(), "AuthoredConnect", 0ms).isNull());
-
-  // The poll thread, with the library's own pause: another phone is reported promptly.
   ASSERT_EQ(0, listener->StartListen());
+  // Reported though it never answers: its reads cost the first poll the property bound, and
+  // libTarnwell's cool-down answers the next ones at once (bench_poll measures them).
+  ASSERT_FALSE(WaitForEntry(hung->serial(), "AuthoredConnect", 10s).isNull());
+
+  // Another phone is reported promptly meanwhile.
   auto other = phone("Other", true);
   ASSERT_TRUE(server.Connect(other->port()));
   EXPECT_FALSE(WaitForEntry(other->serial(), "AuthoredConnect", 2s).isNull());
