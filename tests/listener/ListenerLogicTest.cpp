@@ -26,7 +26,7 @@ class Listener : public ListenerTest {
     ListenerTest::SetUp();
     fake_adb::Reset();
     log_capture::Clear();
-    answers_.clear();
+    answers_ = {{kVersion, {0, "14"}}, {kManufacturer, {0, "Google"}}, {kModel, {0, "Pixel 8"}}};
     listener_.emplace(reports::Collect);
     previous_.clear();
     last_code_ = 0;
@@ -49,7 +49,6 @@ class Listener : public ListenerTest {
     const Strings all = reports::All();
     return Strings(all.begin() + static_cast<long>(before), all.end());
   }
-  static void List(const std::string& text, int code = 0) { fake_adb::SetList(text, code); }
   // How often the version, manufacturer and model were read so far, as "v/m/m".
   static std::string Asked() {
     std::string counts;
@@ -180,7 +179,6 @@ TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
   };
   for (size_t s = 0; s < scenarios.size(); ++s) {
     SetUp();
-    answers_ = {{kVersion, {0, "14"}}, {kManufacturer, {0, "Google"}}, {kModel, {0, "Pixel 8"}}};
     for (size_t i = 0; i < scenarios[s].size(); ++i) {
       const Step& step = scenarios[s][i];
       const std::string where = "scenario " + std::to_string(s) + " step " + std::to_string(i);
@@ -206,7 +204,6 @@ TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
 }
 
 TEST_F(Listener, TheWholeReportTextIsExactlyAsTheHostReadsIt) {
-  answers_ = {{kVersion, {0, "13"}}, {kManufacturer, {0, "samsung"}}, {kModel, {0, "SM-G991B"}}};
   // ADB's letter case is the actual serial; details are fetched before the report.
   const Strings reports =
       Poll(UsbTableOf({UsbDevice("r58m123abc", 1256, 26720, "SAMSUNG", "SAMSUNG_Android")}),
@@ -215,9 +212,9 @@ TEST_F(Listener, TheWholeReportTextIsExactlyAsTheHostReadsIt) {
   const std::string expected =
       "{\n   \"changed\" : \n   [\n      {\n"
       "         \"actual_serial\" : \"R58M123ABC\",\n         \"adb_error_code\" : 0,\n"
-      "         \"key_serial\" : \"r58m123abc\",\n         \"manufacturer\" : \"samsung\",\n"
-      "         \"model\" : \"SM-G991B\",\n         \"new_status\" : \"AuthoredConnect\",\n"
-      "         \"old_status\" : \"NotConnect\",\n         \"os_version\" : \"13\",\n"
+      "         \"key_serial\" : \"r58m123abc\",\n         \"manufacturer\" : \"Google\",\n"
+      "         \"model\" : \"Pixel 8\",\n         \"new_status\" : \"AuthoredConnect\",\n"
+      "         \"old_status\" : \"NotConnect\",\n         \"os_version\" : \"14\",\n"
       "         \"pid\" : 26720,\n         \"vid\" : 1256,\n         \"vid_manufacturer\" : \"SAMSUNG\"\n"
       "      }\n   ]\n}";
   EXPECT_EQ(expected, reports[0]);
@@ -252,7 +249,7 @@ TEST_F(Listener, TheAdbListTextIsReadEntryByEntry) {
   };
   for (const ListCase& c : cases) {
     SetUp();
-    List(c.text);
+    fake_adb::SetList(c.text);
     for (int poll = 0; poll < 2; ++poll) {
       std::map<std::string, DeviceAuthorInfo_> devices;
       ASSERT_EQ(0, GetDevicesAuthorStatusEx(devices)) << c.text;
@@ -269,7 +266,7 @@ TEST_F(Listener, TheAdbListTextIsReadEntryByEntry) {
 
 // The poll thread: its reports over time, starts and stops, and tables written meanwhile.
 TEST_F(Listener, TheFilterListsCanBeReloadedWhileThePollThreadReadsThem) {
-  List("W1-device;");
+  fake_adb::SetList("W1-device;");
   watcher_.Plug(UsbDevice("W1", 1256, 26720));
   listener_.emplace(reports::Collect, ListenerWiring{&watcher_, 1ms});
   ASSERT_EQ(0, listener_->StartListen());
@@ -277,7 +274,7 @@ TEST_F(Listener, TheFilterListsCanBeReloadedWhileThePollThreadReadsThem) {
   // As a second InitPelmora would; the USB table written meanwhile is the soak test's part.
   const TempDir dir;
   for (int i = 0; i < 100; ++i) {
-    List(i % 2 == 0 ? "W1-device;" : "W1-unauthorized;");
+    fake_adb::SetList(i % 2 == 0 ? "W1-device;" : "W1-unauthorized;");
     std::ofstream(dir.path() + "/AndroidVID.ini") << "Vendor" << i << "=" << 20000 + i << "\n";
     std::ofstream(dir.path() + "/AndroidPIDWhite.ini") << 20000 + i << "=1\n";
     ASSERT_EQ(0, LoadVIDConfig(dir.path().c_str()));
@@ -290,7 +287,7 @@ TEST_F(Listener, TheFilterListsCanBeReloadedWhileThePollThreadReadsThem) {
 }
 
 TEST_F(Listener, EveryStartReportsEveryDeviceAgainWithOneThread) {
-  List("A-device;B-unauthorized;");
+  fake_adb::SetList("A-device;B-unauthorized;");
   const Strings all = {"a:NotConnect->AuthoredConnect", "b:NotConnect->UnauthoredConnect"};
   listener_.emplace(reports::Collect, ListenerWiring{&watcher_, 300ms});
   ASSERT_EQ(0, listener_->StartListen());
@@ -311,9 +308,11 @@ TEST_F(Listener, EveryStartReportsEveryDeviceAgainWithOneThread) {
   EXPECT_EQ(all, Next());
   EXPECT_EQ(2, log_capture::CountContaining("Enter ListenThread"));
   EXPECT_EQ(4, watcher_.starts) << "every start asks the watcher to start";
-  // A failing query is logged on every poll (its report is in PollThroughServer).
-  List("", 103);
-  EXPECT_TRUE(WaitForLine("[ListenThread] fail to GetDevicesAuthorStatus(), error 103!", 2));
+  // A failing query (as when the ADB server is killed) is logged on every poll and reported once.
+  fake_adb::SetList("", 103);
+  EXPECT_EQ((Strings{"a:AuthoredConnect->NotConnect#103", "b:UnauthoredConnect->NotConnect#103"}), Next());
+  EXPECT_TRUE(WaitForLine("[ListenThread] fail to GetDevicesAuthorStatus(), error 103!", 3));
+  EXPECT_EQ(5u, reports::All().size());
 }
 
 TEST_F(Listener, AStopDuringAPollLetsThatPollFinishItsReport) {
