@@ -2,7 +2,6 @@
 // detail lookups, and the poll thread over time.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <optional>
 
 #include "AndListenerEx.h"
@@ -58,13 +57,6 @@ class Listener : public ListenerTest {
       counts += (counts.empty() ? "" : "/") + std::to_string(count);
     }
     return counts;
-  }
-  static bool Eventually(const std::function<bool()>& done) {
-    for (auto until = std::chrono::steady_clock::now() + 5s; std::chrono::steady_clock::now() < until;) {
-      if (done()) return true;
-      std::this_thread::sleep_for(5ms);
-    }
-    return false;
   }
   static bool WaitForLine(const std::string& text, int count) {
     return Eventually([&] { return log_capture::CountContaining(text) >= count; });

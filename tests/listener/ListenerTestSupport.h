@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -113,23 +114,28 @@ class ListenerTest : public ::testing::Test {
     }
     return Transitions(reports::g_reports[seen]);
   }
-  // The first entry of any report so far that moves key to new_status (with this model, when one
-  // is named); null when none comes in time.
-  static Json::Value WaitForEntry(const std::string& key, const std::string& new_status,
-                                  std::chrono::milliseconds timeout, const std::string& model = "") {
-    for (const auto until = std::chrono::steady_clock::now() + timeout;;) {
+  // Whether done() holds within timeout, asked every 5 ms.
+  static bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    for (const auto until = std::chrono::steady_clock::now() + timeout; !done();) {
+      if (std::chrono::steady_clock::now() > until) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+  }
+  // Whether a report moves key to new_status (with this model, when one is named) within timeout.
+  static bool Reported(const std::string& key, const std::string& new_status, std::chrono::milliseconds timeout,
+                       const std::string& model = "") {
+    return Eventually([&] {
       for (const std::string& report : reports::All()) {
         const Json::Value parsed = ParseJson(report);
-        for (const Json::Value& entry : parsed["changed"]) {
-          if (entry["key_serial"] == key && entry["new_status"] == new_status &&
-              (model.empty() || entry["model"] == model)) {
-            return entry;
+        for (const Json::Value& e : parsed["changed"]) {
+          if (e["key_serial"] == key && e["new_status"] == new_status && (model.empty() || e["model"] == model)) {
+            return true;
           }
         }
       }
-      if (std::chrono::steady_clock::now() > until) return Json::Value();
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+      return false;
+    }, timeout);
   }
 
   TableWatcher watcher_;
