@@ -85,7 +85,6 @@ TEST(UsbToAdb, AUsbPhoneAndItsAdbSideMergeUnderOneKeyThroughTheExportedFunctions
   ASSERT_EQ(0, init(config.c_str(), config.c_str(), (config + "/logs").c_str()));
   ASSERT_EQ(0, start_adb(false)) << "starts the private server on its port";
   ASSERT_EQ(0, start(HostCallback));
-  ASSERT_EQ(0, start(HostCallback)) << "a second start keeps the one listener";
 
   // Plugged with USB debugging off; its strings come by control transfer on its device node.
   sim_phone::PhoneConfig properties;

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "AndListenerEx.h"
+#include "Common.h"
 #include "FakeTarnwell.h"
 #include "ListenerTestSupport.h"
 #include "LogCapture.h"
@@ -42,7 +43,11 @@ class Listener : public ListenerTest {
     fake_adb::SetScript(script);
   }
   // One poll by hand, with no ADB view when the query failed; the reports it produced.
-  Strings Poll(const UsbTable& usb, const AdbTable& adb, int code = 0) {
+  Strings Poll(const std::vector<DeviceModleInfo>& usb_devices, const AdbList& adb_devices, int code = 0) {
+    std::map<std::string, DeviceModleInfo> usb;
+    for (const DeviceModleInfo& device : usb_devices) usb[GetLowerCaseString(device.serial)] = device;
+    std::map<std::string, DeviceAuthorInfo_> adb;
+    for (const auto& [serial, status] : adb_devices) adb[GetLowerCaseString(serial)] = {status, serial};
     const size_t before = reports::All().size();
     listener_->DealListenInfo(&usb, code == 0 ? &adb : nullptr, &previous_, code, &last_code_);
     const Strings all = reports::All();
@@ -172,7 +177,7 @@ TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
       const std::string where = "scenario " + std::to_string(s) + " step " + std::to_string(i);
       for (const auto& [property, answer] : step.answers) answers_[property] = answer;
       log_capture::Clear();
-      const Strings got = Poll(UsbTableOf(step.usb), AdbTableOf(step.adb), step.code);
+      const Strings got = Poll(step.usb, step.adb, step.code);
       ASSERT_EQ(step.expected.empty() ? 0u : 1u, got.size()) << where;
       if (!step.asked.empty()) { EXPECT_EQ(step.asked, Asked()) << where; }
       if (got.empty()) {
@@ -194,8 +199,7 @@ TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
 TEST_F(Listener, TheWholeReportTextIsExactlyAsTheHostReadsIt) {
   // ADB's letter case is the actual serial; details are fetched before the report.
   const Strings reports =
-      Poll(UsbTableOf({UsbDevice("r58m123abc", 1256, 26720, "SAMSUNG", "SAMSUNG_Android")}),
-           AdbTableOf({{"R58M123ABC", DeviceAuthored}}));
+      Poll({UsbDevice("r58m123abc", 1256, 26720, "SAMSUNG", "SAMSUNG_Android")}, {{"R58M123ABC", DeviceAuthored}});
   ASSERT_EQ(1u, reports.size());
   const std::string expected =
       "{\n   \"changed\" : \n   [\n      {\n"

@@ -16,15 +16,12 @@
 #include <thread>
 #include <vector>
 
-#include "Common.h"
 #include "DeviceInfo.h"
 #include "ListenDeviceChange.h"
 #include "LoadConfig.h"
 #include "TempDir.h"
 
 using Strings = std::vector<std::string>;
-using UsbTable = std::map<std::string, DeviceModleInfo>;
-using AdbTable = std::map<std::string, DeviceAuthorInfo_>;
 
 // A USB watcher without a platform: the test enters and removes devices itself.
 class TableWatcher : public ListenDeviceChange {
@@ -38,18 +35,6 @@ class TableWatcher : public ListenDeviceChange {
 inline DeviceModleInfo UsbDevice(const std::string& serial, uint16_t vid, uint16_t pid,
                                  const std::string& manufacturer = "", const std::string& product = "") {
   return {serial, vid, pid, product, manufacturer, "", ""};
-}
-
-inline UsbTable UsbTableOf(const std::vector<DeviceModleInfo>& devices) {
-  TableWatcher table;
-  for (const DeviceModleInfo& device : devices) table.Plug(device);
-  return table.CopyUSBDeviceMap();
-}
-
-inline AdbTable AdbTableOf(const std::vector<std::pair<std::string, DeviceAuthorStatus>>& devices) {
-  AdbTable table;
-  for (const auto& [serial, status] : devices) table[GetLowerCaseString(serial)] = {status, serial};
-  return table;
 }
 
 // The host callback: keeps every report it is given, in order.
