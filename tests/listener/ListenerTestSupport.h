@@ -76,15 +76,13 @@ inline Strings Transitions(const std::string& report) {
   return out;
 }
 
-// The vendor and PID lists: Google 6353, Samsung 1256 (product 26720 white-listed), Qualcomm
-// 1478, Acme 4660 (product 1 black-listed).
+// The vendor lists: Google 6353, and Samsung 1256 with its product 26720 white-listed.
 class ListenerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     const TempDir dir;
-    std::ofstream(dir.path() + "/AndroidVID.ini") << "Google=6353\nSamsung=1256\nQualcomm=1478\nAcme=4660\n";
+    std::ofstream(dir.path() + "/AndroidVID.ini") << "Google=6353\nSamsung=1256\n";
     std::ofstream(dir.path() + "/AndroidPIDWhite.ini") << "1256=26720\n";
-    std::ofstream(dir.path() + "/AndroidPIDBlack.ini") << "4660=1\n";
     LoadVIDConfig(dir.path().c_str());
     std::lock_guard<std::mutex> lock(reports::g_mutex);
     reports::g_reports.clear();
