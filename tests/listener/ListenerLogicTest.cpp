@@ -1,5 +1,5 @@
-// The listener's logic over the in-memory ADB library: one poll's merge and report as tables, the
-// detail lookups, and the poll thread over time.
+// The listener's logic over the in-memory ADB library: one table of polls made by hand (the merge,
+// the report and its texts, the detail lookups), ADB's list text, and the poll thread over time.
 #include <gtest/gtest.h>
 
 #include <optional>
