@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -15,15 +16,12 @@
 #include <thread>
 #include <vector>
 
-#include "Common.h"
 #include "DeviceInfo.h"
 #include "ListenDeviceChange.h"
 #include "LoadConfig.h"
 #include "TempDir.h"
 
 using Strings = std::vector<std::string>;
-using UsbTable = std::map<std::string, DeviceModleInfo>;
-using AdbTable = std::map<std::string, DeviceAuthorInfo_>;
 
 // A USB watcher without a platform: the test enters and removes devices itself.
 class TableWatcher : public ListenDeviceChange {
@@ -37,18 +35,6 @@ class TableWatcher : public ListenDeviceChange {
 inline DeviceModleInfo UsbDevice(const std::string& serial, uint16_t vid, uint16_t pid,
                                  const std::string& manufacturer = "", const std::string& product = "") {
   return {serial, vid, pid, product, manufacturer, "", ""};
-}
-
-inline UsbTable UsbTableOf(const std::vector<DeviceModleInfo>& devices) {
-  TableWatcher table;
-  for (const DeviceModleInfo& device : devices) table.Plug(device);
-  return table.CopyUSBDeviceMap();
-}
-
-inline AdbTable AdbTableOf(const std::vector<std::pair<std::string, DeviceAuthorStatus>>& devices) {
-  AdbTable table;
-  for (const auto& [serial, status] : devices) table[GetLowerCaseString(serial)] = {status, serial};
-  return table;
 }
 
 // The host callback: keeps every report it is given, in order.
@@ -90,15 +76,13 @@ inline Strings Transitions(const std::string& report) {
   return out;
 }
 
-// The vendor and PID lists: Google 6353, Samsung 1256 (product 26720 white-listed), Qualcomm
-// 1478, Acme 4660 (product 1 black-listed).
+// The vendor lists: Google 6353, and Samsung 1256 with its product 26720 white-listed.
 class ListenerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     const TempDir dir;
-    std::ofstream(dir.path() + "/AndroidVID.ini") << "Google=6353\nSamsung=1256\nQualcomm=1478\nAcme=4660\n";
+    std::ofstream(dir.path() + "/AndroidVID.ini") << "Google=6353\nSamsung=1256\n";
     std::ofstream(dir.path() + "/AndroidPIDWhite.ini") << "1256=26720\n";
-    std::ofstream(dir.path() + "/AndroidPIDBlack.ini") << "4660=1\n";
     LoadVIDConfig(dir.path().c_str());
     std::lock_guard<std::mutex> lock(reports::g_mutex);
     reports::g_reports.clear();
@@ -113,23 +97,28 @@ class ListenerTest : public ::testing::Test {
     }
     return Transitions(reports::g_reports[seen]);
   }
-  // The first entry of any report so far that moves key to new_status (with this model, when one
-  // is named); null when none comes in time.
-  static Json::Value WaitForEntry(const std::string& key, const std::string& new_status,
-                                  std::chrono::milliseconds timeout, const std::string& model = "") {
-    for (const auto until = std::chrono::steady_clock::now() + timeout;;) {
+  // Whether done() holds within timeout, asked every 5 ms.
+  static bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    for (const auto until = std::chrono::steady_clock::now() + timeout; !done();) {
+      if (std::chrono::steady_clock::now() > until) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+  }
+  // Whether a report moves key to new_status (with this model, when one is named) within timeout.
+  static bool Reported(const std::string& key, const std::string& new_status, std::chrono::milliseconds timeout,
+                       const std::string& model = "") {
+    return Eventually([&] {
       for (const std::string& report : reports::All()) {
         const Json::Value parsed = ParseJson(report);
-        for (const Json::Value& entry : parsed["changed"]) {
-          if (entry["key_serial"] == key && entry["new_status"] == new_status &&
-              (model.empty() || entry["model"] == model)) {
-            return entry;
+        for (const Json::Value& e : parsed["changed"]) {
+          if (e["key_serial"] == key && e["new_status"] == new_status && (model.empty() || e["model"] == model)) {
+            return true;
           }
         }
       }
-      if (std::chrono::steady_clock::now() > until) return Json::Value();
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+      return false;
+    }, timeout);
   }
 
   TableWatcher watcher_;
