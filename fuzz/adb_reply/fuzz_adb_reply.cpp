@@ -12,13 +12,9 @@
 
 #include "HostProtocol.h"
 
-namespace {
-
-void Check(bool condition) {
+static void Check(bool condition) {
   if (!condition) std::abort();
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);

@@ -1,31 +1,16 @@
 // The configuration files are outside bytes: feed them through the loaders, and check the
 // hand-written line matcher against the regular expression it stands for.
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
 
 #include "LoadConfig.h"
-
-namespace {
-
-// The folder the input is written to as the four files, removed when the run ends.
-struct TemporaryFolder {
-  char path[32] = "/tmp/pelmora-fuzz-config-XXXXXX";
-  TemporaryFolder() {
-    if (::mkdtemp(path) == nullptr) std::abort();
-  }
-  ~TemporaryFolder() { std::filesystem::remove_all(path); }
-};
-
-}  // namespace
+#include "TempDir.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const TemporaryFolder folder;
+  static const TempDir folder;  // the input is written there as the four files
   static const std::regex expression(R"([\s]*([\S]+)[\s]*=[\s]*([0-9]+)[\s]*)", std::regex::ECMAScript);
   const std::string text(reinterpret_cast<const char*>(data), size);
   // libstdc++'s matcher recurses per character: compare on short lines only.
@@ -42,10 +27,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // One input serves as all four files, so vendor lines meet PID lines of the same vendors.
   for (const char* name :
        {"AndroidVID.ini", "AndroidPIDBlack.ini", "AndroidPIDWhite.ini", "iManufactureAndiProduct.ini"}) {
-    if (!(std::ofstream(std::string(folder.path) + "/" + name, std::ios::binary) << text)) std::abort();
+    if (!(std::ofstream(folder.path() + "/" + name, std::ios::binary) << text)) std::abort();
   }
-  LoadVIDConfig(folder.path);
-  LoadiManufactureAndiProductConfig(folder.path);
+  LoadVIDConfig(folder.path().c_str());
+  LoadiManufactureAndiProductConfig(folder.path().c_str());
   IsDeviceOnWhitePidList(static_cast<unsigned>(size), static_cast<unsigned>(size) / 2);
   IsDeviceOnNon_AndroidList(static_cast<unsigned>(size), 0, text.substr(0, 16));
   return 0;

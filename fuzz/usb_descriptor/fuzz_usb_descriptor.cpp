@@ -12,15 +12,11 @@
 #include "ListenDeviceChangeMac.h"
 #include "UsbSysfsLinux.h"
 
-namespace {
-
 // At most one byte per transferred unit, and never a zero byte inside.
-void CheckDecoded(const unsigned char* descriptor, uint32_t transferred) {
+static void CheckDecoded(const unsigned char* descriptor, uint32_t transferred) {
   const std::string text = DecodeStringDescriptor(0, descriptor, transferred);
   if (text.size() > transferred / 2 + 1 || text.find('\0') != std::string::npos) std::abort();
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;

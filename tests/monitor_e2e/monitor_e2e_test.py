@@ -57,10 +57,9 @@ def main():
         reader.start()
 
         model = "E2E Phone 7"
-        phone = SimPhone(args.sim_phone, adb, model, "--manufacturer", "Pelmora", "--android-version", "14")
+        phone = SimPhone(args.sim_phone, adb, model)
         entry = wait_for(lines, seen, lambda e: e["new_status"] == "AuthoredConnect" and e["model"] == model,
                          "the phone as AuthoredConnect")
-        expect(entry["os_version"] == "14" and entry["manufacturer"] == "Pelmora", "details of the phone: %s" % entry)
         phone.command("leave")
         wait_for(lines, seen, lambda e: e["key_serial"] == entry["key_serial"] and e["new_status"] == "NotConnect",
                  "the phone leaving")

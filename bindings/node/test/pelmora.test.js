@@ -18,9 +18,7 @@ const CONFIG = path.join(REPO, 'config');
 const MODEL = 'Node Binding Phone';
 const WAIT_MS = 20000;
 
-let phone;
-let folders;
-let work;
+let phone, folders, work;
 
 function within(promise, what) {
   let timer;
