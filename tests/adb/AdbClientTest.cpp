@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "Eventually.h"
 #include "PrivateAdbServer.h"
 #include "Quenwick.h"
 #include "SimAdbServer.h"
@@ -279,11 +280,8 @@ TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
   EXPECT_EQ(server.ServerProcesses().size(), 1u) << "asking again spawns nothing new";
   // Polls the list until it holds entry, at most 5 s.
   const auto listed = [](const std::string& entry) {
-    for (auto until = Clock::now() + std::chrono::seconds(5); List().find(entry) == std::string::npos;) {
-      if (Clock::now() > until) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
+    return Eventually([&] { return List().find(entry) != std::string::npos; }, std::chrono::seconds(5),
+                      std::chrono::milliseconds(20));
   };
 
   sim_phone::PhoneConfig config;

@@ -13,10 +13,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "DeviceInfo.h"
+#include "Eventually.h"
 #include "ListenDeviceChange.h"
 #include "LoadConfig.h"
 #include "TempDir.h"
@@ -96,14 +96,6 @@ class ListenerTest : public ::testing::Test {
       return {"no report"};
     }
     return Transitions(reports::g_reports[seen]);
-  }
-  // Whether done() holds within timeout, asked every 5 ms.
-  static bool Eventually(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-    for (const auto until = std::chrono::steady_clock::now() + timeout; !done();) {
-      if (std::chrono::steady_clock::now() > until) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
   }
   // Whether a report moves key to new_status (with this model, when one is named) within timeout.
   static bool Reported(const std::string& key, const std::string& new_status, std::chrono::milliseconds timeout,

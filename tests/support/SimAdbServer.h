@@ -51,14 +51,9 @@ class SimAdbServer {
 
   std::uint16_t port() const { return port_; }
 
-  // Closes the port and every open connection, like a killed server. Stop and Restart are for
-  // one controlling thread; everything else may be called from any thread.
+  // Closes the port and every open connection, like a killed server. Stop is for one controlling
+  // thread; everything else may be called from any thread.
   void Stop();
-  // Listens again on the same port; false when the port can no longer be had.
-  bool Restart() {
-    Stop();
-    return Listen(port_);
-  }
 
   void SetDevices(std::vector<Device> devices) { Locked([&] { devices_ = std::move(devices); }); }
   void React(const std::string& service_prefix, Reaction reaction) {

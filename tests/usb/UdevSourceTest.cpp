@@ -7,8 +7,8 @@
 #include <functional>
 #include <iterator>
 #include <optional>
-#include <thread>
 
+#include "Eventually.h"
 #include "FakeTarnwell.h"
 #include "ListenDeviceChangeMac.h"
 #include "LogCapture.h"
@@ -19,12 +19,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Change = std::function<void(SimulatedUsbDevice&)>;
-
-bool WaitFor(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + 5s;
-  while (!condition() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
-  return condition();
-}
 
 SimulatedUsbDevice Phone(int number, const std::string& serial, const Change& change = nullptr) {
   SimulatedUsbDevice device;
@@ -67,7 +61,7 @@ class UdevSource : public ::testing::Test {
   // been handled then, since events are handled in order.
   std::string PlugAndWait(const SimulatedUsbDevice& device) {
     const std::string syspath = testbed_->Plug(device);
-    EXPECT_TRUE(WaitFor([&] { return Has(*device.serial); })) << *device.serial;
+    EXPECT_TRUE(Eventually([&] { return Has(*device.serial); })) << *device.serial;
     return syspath;
   }
 
@@ -93,7 +87,7 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
   testbed_->Plug(Phone(7, "no-descriptors", [](SimulatedUsbDevice& d) { d.descriptors.emplace(); }));
   testbed_->Plug(Phone(8, "truncated", [](SimulatedUsbDevice& d) { d.descriptors = {{18, 1, 0, 2}}; }));
   testbed_->Unplug(PlugAndWait(Phone(9, "adb-phone", [](SimulatedUsbDevice& d) { d.interfaces = {{6, 1, 1}, {0xFF, 0x42, 1}}; })));
-  ASSERT_TRUE(WaitFor([&] { return !Has("adb-phone"); }));
+  ASSERT_TRUE(Eventually([&] { return !Has("adb-phone"); }));
   EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices passed over left no entry";
   EXPECT_EQ(log_capture::CountContaining("no interface a phone has: serial:keyboard"), 1);
   EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0x00000002.\n"), 1) << "ENOENT";
