@@ -36,6 +36,8 @@ struct DeviceModleInfo {
   uint16_t pid = 0;
   std::string product;
   std::string manufacturer;
+  // It declares adb's interface: debugging is on, so the ADB server is about to list it.
+  bool adb_interface = false;
   // The phone's own names for itself, for a source that can learn them over USB. No source
   // does today: only the update form of InsertUSBDeviceInfo writes them, and nothing calls it, so
   // they stay empty; the merge and the report carry them through unchanged all the same.

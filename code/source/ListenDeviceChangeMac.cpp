@@ -39,6 +39,10 @@ constexpr uint8_t kUsbClassWirelessController = 0xE0;
 constexpr uint8_t kUsbClassApplicationSpecific = 0xFE;  // firmware update (DFU), IrDA bridges
 constexpr uint8_t kUsbSubClassRadioFrequency = 0x01;
 constexpr uint8_t kUsbProtocolBluetooth = 0x01;
+// adb's own interface (vendor specific, subclass 0x42, protocol 1): debugging is switched on.
+constexpr uint8_t kUsbClassVendorSpecific = 0xFF;
+constexpr uint8_t kUsbSubClassAdb = 0x42;
+constexpr uint8_t kUsbProtocolAdb = 0x01;
 
 constexpr auto kStopTimeout = std::chrono::seconds(5);
 
@@ -184,12 +188,15 @@ static bool IsNeverOnAPhone(const UsbInterfaceClass& interface) {
   }
 }
 
+static bool IsAdbInterface(const UsbInterfaceClass& interface) {
+  return interface.bInterfaceClass == kUsbClassVendorSpecific &&
+         interface.bInterfaceSubClass == kUsbSubClassAdb && interface.bInterfaceProtocol == kUsbProtocolAdb;
+}
+
 // True for a device whose every interface is of a class no phone exposes (a keyboard, a hub, a
 // printer, a card reader, a Bluetooth radio with its firmware interface), when the platform can tell.
-static bool DeclaresOnlyNonPhoneInterfaces(UsbDeviceInterface* device) {
-  std::vector<UsbInterfaceClass> interfaces;
-  if (!s_notification_port->GetInterfaceClasses(device, &interfaces) || interfaces.empty()) return false;
-  return std::all_of(interfaces.begin(), interfaces.end(), IsNeverOnAPhone);
+static bool DeclaresOnlyNonPhoneInterfaces(const std::vector<UsbInterfaceClass>& interfaces) {
+  return !interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsNeverOnAPhone);
 }
 
 static void HandleArrival(UsbService* service) {
@@ -211,7 +218,9 @@ static void HandleArrival(UsbService* service) {
   // Released here on every way out, unless the record takes it over.
   std::unique_ptr<UsbDeviceInterface, void (*)(UsbDeviceInterface*)> interface_guard(
       device, [](UsbDeviceInterface* d) { s_notification_port->ReleaseDeviceInterface(d); });
-  if (DeclaresOnlyNonPhoneInterfaces(device)) {
+  std::vector<UsbInterfaceClass> interfaces;
+  if (!s_notification_port->GetInterfaceClasses(device, &interfaces)) interfaces.clear();
+  if (DeclaresOnlyNonPhoneInterfaces(interfaces)) {
     Log(QUENWICK_LEVEL_INFO, "usb device passed over, no interface a phone has: serial:%s vid:%hu pid:%hu",
         serial.c_str(), vid, pid);
     return;
@@ -224,6 +233,7 @@ static void HandleArrival(UsbService* service) {
   record->info.vid = vid;
   record->info.pid = pid;
   record->info.serial = serial;
+  record->info.adb_interface = std::any_of(interfaces.begin(), interfaces.end(), IsAdbInterface);
   s_device_notify_infos.insert(record.get());
   DeviceNotifyInfo* info = record.release();
   info->device_interface = interface_guard.release();
