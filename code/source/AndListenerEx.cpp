@@ -86,12 +86,13 @@ AndListenerEx::~AndListenerEx() {
 }
 
 int AndListenerEx::StartListen() {
-  std::lock_guard<std::mutex> lock(m_poll_state->mutex);
-  m_stop_listen = false;
   ListenDeviceChange* watcher =
       m_wiring.usb_watcher != nullptr ? m_wiring.usb_watcher : GetListenDeviceChangeMacInstance();
-  m_listen_device_change = watcher;
+  // Not under the state's lock, which the observer takes.
   watcher->SetTableObserver([state = m_poll_state] { state->Wake(PollThreadState::News::kMayComeInBursts); });
+  std::lock_guard<std::mutex> lock(m_poll_state->mutex);
+  m_stop_listen = false;
+  m_listen_device_change = watcher;
   watcher->StartListen();
 
   if (m_poll_state->running) {
