@@ -80,7 +80,8 @@ mkdir "$work/app"
 (cd "$work/app" && echo '{ "name": "app", "version": "1.0.0", "private": true }' >package.json &&
   npm_config_registry=http://127.0.0.1:9/ npm install --offline --no-audit --no-fund \
     --loglevel=error "$dist"/pelmora-*.tgz >/dev/null &&
-  node -e 'const p = require("pelmora"); require("pelmora/build/pelmora.node");
+  node -e 'const p = require("pelmora"); const path = require("node:path");
+           require(path.join(path.dirname(require.resolve("pelmora")), "build", "pelmora.node"));
            if (typeof p.listen !== "function") process.exit(1);
            console.log("require(\"pelmora\") loads from", require.resolve("pelmora"));')
 
