@@ -4,7 +4,6 @@
 # Usage: scripts/package.sh [OUT_DIR]
 set -euo pipefail
 cd "$(dirname "$0")/.."
-root="$PWD"
 bash scripts/setup.sh
 
 out="$(mkdir -p "${1:-dist}" && cd "${1:-dist}" && pwd)"
@@ -16,7 +15,7 @@ trap 'rm -rf "$work"; debian/rules clean >/dev/null 2>&1 || true' EXIT
 # Debian packages: binary only (the source is this checkout); the debs, .buildinfo and .changes go
 # to the output folder, not the checkout's parent.
 jobs="$(getconf _NPROCESSORS_ONLN)"
-[ "$jobs" -gt 2 ] && jobs=2
+[ "$jobs" -le 2 ] || jobs=2   # a shared machine
 name="pelmora_$(dpkg-parsechangelog -S Version)_$(dpkg-architecture -qDEB_HOST_ARCH)"
 PELMORA_DEB_DIR="$out" dpkg-buildpackage -b -us -uc -j"$jobs" \
   --buildinfo-option="-u$out" --buildinfo-file="$out/$name.buildinfo" \
@@ -24,8 +23,9 @@ PELMORA_DEB_DIR="$out" dpkg-buildpackage -b -us -uc -j"$jobs" \
   || { tail -n 60 "$out/build.log" >&2; echo "package.sh: dpkg-buildpackage failed (log: $out/build.log)" >&2; exit 1; }
 
 # The Python wheel, with Debian's pip, setuptools and wheel: no build isolation, no index; built
-# from a copy, so that setuptools' build folders stay out of the checkout.
-cp -r bindings/python "$work/python"
+# from a copy of the sources alone, so that setuptools' build folders stay out of the checkout and
+# none of an earlier in-tree build gets in.
+mkdir "$work/python" && cp -r bindings/python/pyproject.toml bindings/python/pelmora "$work/python/"
 /usr/bin/python3 -m pip wheel --quiet --no-deps --no-build-isolation --no-index \
   --wheel-dir "$out" "$work/python"
 
