@@ -50,8 +50,8 @@ class Status(str, enum.Enum):
     def __str__(self) -> str:
         return self.value
 
-    def __format__(self, spec: str) -> str:
-        return format(self.value, spec)
+    def __format__(self, fmt: str) -> str:
+        return format(self.value, fmt)
 
 
 @dataclasses.dataclass(frozen=True)
