@@ -10,22 +10,21 @@ const native = require('./build/pelmora.node');
 
 const SONAME = process.platform === 'darwin' ? 'libPelmora.2.dylib' : 'libPelmora.so.2';
 const PKG_CONFIG_TIMEOUT_MS = 5000;
-// Loaded from a checkout, the binding finds the checkout's build and its table of codes.
+// Loaded from a checkout, the binding finds the checkout's build.
 const CHECKOUT = path.resolve(__dirname, '..', '..');
 const IN_CHECKOUT = fs.existsSync(path.join(CHECKOUT, 'code', 'include', 'Pelmora.h'));
 const NO_LIBRARY = 201;
 const ALREADY_LISTENING = 202;
 
 // Every code of libPelmora, libTarnwell and the bindings: code -> { name, meaning }, from the one
-// table of codes, shipped beside this file or, in a checkout, in common/.
+// table of codes (in a checkout, codes.json here is a link to common/codes.json).
 function loadCodes() {
-  for (const file of [path.join(__dirname, 'codes.json'), path.join(CHECKOUT, 'common', 'codes.json')]) {
-    if (fs.existsSync(file)) {
-      const table = JSON.parse(fs.readFileSync(file, 'utf8'));
-      return Object.fromEntries(table.codes.map((c) => [c.code, { name: c.name, meaning: c.meaning }]));
-    }
+  try {
+    const table = JSON.parse(fs.readFileSync(path.join(__dirname, 'codes.json'), 'utf8'));
+    return Object.fromEntries(table.codes.map((c) => [c.code, { name: c.name, meaning: c.meaning }]));
+  } catch {
+    return {}; // a package shipped without it: errors still carry their codes
   }
-  return {};
 }
 const codes = loadCodes();
 

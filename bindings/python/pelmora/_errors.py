@@ -10,12 +10,12 @@ _PACKAGE = Path(__file__).resolve().parent
 
 
 def _load_codes() -> Dict[int, Tuple[str, str]]:
-    # Installed, the package carries codes.json; in a checkout it is common/codes.json.
-    for path in (_PACKAGE / "codes.json", _PACKAGE.parent.parent.parent / "common" / "codes.json"):
-        if path.is_file():
-            with open(path, encoding="utf-8") as f:
-                return {c["code"]: (c["name"], c["meaning"]) for c in json.load(f)["codes"]}
-    return {}
+    # In a checkout, the package's codes.json is a link to common/codes.json; installing copies it.
+    try:
+        with open(_PACKAGE / "codes.json", encoding="utf-8") as f:
+            return {c["code"]: (c["name"], c["meaning"]) for c in json.load(f)["codes"]}
+    except OSError:
+        return {}  # a package installed without it: errors still carry their codes
 
 
 CODES: Dict[int, Tuple[str, str]] = _load_codes()
