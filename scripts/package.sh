@@ -36,6 +36,8 @@ mkdir "$work/python" && cp -r bindings/python/pyproject.toml bindings/python/pel
 node_stage="$work/node" && mkdir -p "$node_stage"
 (cd bindings/node && npm pack --silent --pack-destination "$node_stage" >/dev/null)
 tar -xzf "$node_stage"/pelmora-*.tgz -C "$node_stage" && rm "$node_stage"/pelmora-*.tgz
+# The table of codes is a link in the checkout, which npm pack leaves out: the file itself goes in.
+cp common/codes.json "$node_stage/package/codes.json"
 mkdir -p "$node_stage/package/node_modules"
 cp -r bindings/node/node_modules/node-addon-api bindings/node/node_modules/node-api-headers \
   "$node_stage/package/node_modules/"
