@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <limits>
 #include <mutex>
-#include <regex>
 #include <set>
 #include <utility>
 
@@ -119,23 +118,6 @@ std::vector<std::string> SplitAtCharacters(const std::string& text, const char* 
   return pieces;
 }
 
-std::vector<std::string> SplitWithRegex(const std::string& text, const std::string& pattern) {
-  const std::regex expression(pattern, std::regex::ECMAScript);
-  std::vector<std::string> pieces;
-  size_t start = 0;
-  bool matched = false;
-  for (auto it = std::sregex_iterator(text.begin(), text.end(), expression);
-       it != std::sregex_iterator(); ++it) {
-    const size_t match_start = static_cast<size_t>(it->position(0));
-    pieces.emplace_back(text, start, match_start - start);
-    start = match_start + static_cast<size_t>(it->length(0));
-    matched = true;
-  }
-  if (!matched) return {text};
-  if (start < text.size()) pieces.emplace_back(text, start, std::string::npos);
-  return pieces;
-}
-
 std::string FilePath(const char* folder, const std::string& name) {
   return std::string(folder) + "/" + name;
 }
@@ -161,15 +143,6 @@ int ParsePidFile(const char* folder, const std::string& name, unsigned int vid,
       pids->push_back(DecimalValue(number));
     }
   }
-  return 0;
-}
-
-int LoadPidConfig(const char* folder, const std::string& name, unsigned int vid, PidTable& table) {
-  std::vector<unsigned int> pids;
-  const int ret = ParsePidFile(folder, name, vid, &pids);
-  if (ret != 0) return ret;
-  WriteLock lock(s_tables_mutex);
-  table[vid] = std::move(pids);
   return 0;
 }
 
@@ -218,7 +191,7 @@ std::vector<std::string> split(const std::string& text, const std::string& patte
   // recurses per character and would overflow the stack on a long run of line breaks.
   if (pattern == kLinePattern) return SplitAtCharacters(text, "\r\n", true);
   if (pattern == kFieldPattern) return SplitAtCharacters(text, "=", false);
-  return SplitWithRegex(text, pattern);
+  return {text};  // no other pattern is ever asked for
 }
 
 bool MatchKeyNumberLine(const std::string& line, std::string* key, std::string* number) {
@@ -300,16 +273,6 @@ int LoadVIDConfig(const char* folder) {
     if (lists[i].white_ret == 0) s_pid_white_manufacturer_map[vid] = std::move(lists[i].white);
   }
   return 0;
-}
-
-int LoadBlackPIDConfig(const char* folder, int vid) {
-  return LoadPidConfig(folder, AndroidPIDBlack, static_cast<unsigned int>(vid),
-                       s_pid_black_manufacturer_map);
-}
-
-int LoadWhitePIDConfig(const char* folder, int vid) {
-  return LoadPidConfig(folder, AndroidPIDWhite, static_cast<unsigned int>(vid),
-                       s_pid_white_manufacturer_map);
 }
 
 int LoadiManufactureAndiProductConfig(const char* folder) {

@@ -21,9 +21,10 @@ extern const std::string iManufactureAndiProduct;  // "iManufactureAndiProduct.i
 // PELMORA_ERR_CONFIG_FILE when not.
 int ReadTotalFile(const char* path, std::string* text);
 
-// Cuts text at every match of the ECMAScript regular expression pattern: the pieces between
-// matches (empty ones too), and the rest after the last match when it is not empty; the whole
-// text when the pattern matches nowhere.
+// Cuts text at every match of the loaders' two patterns, "[\r\n]+" (lines) and "=" (fields), as
+// an ECMAScript regular expression would: the pieces between matches (empty ones too), and the
+// rest after the last match when it is not empty; the whole text when the pattern matches nowhere
+// (or is neither of the two).
 std::vector<std::string> split(const std::string& text, const std::string& pattern);
 
 // The key-number grammar "[\s]*([\S]+)[\s]*=[\s]*([0-9]+)[\s]*" over a whole line: true with the
@@ -34,8 +35,6 @@ bool MatchKeyNumberLine(const std::string& line, std::string* key, std::string* 
 bool MatchTwoFieldLine(const std::string& line, std::string* left, std::string* right);
 
 int LoadVIDConfig(const char* folder);
-int LoadBlackPIDConfig(const char* folder, int vid);
-int LoadWhitePIDConfig(const char* folder, int vid);
 int LoadiManufactureAndiProductConfig(const char* folder);
 
 // Shared lock over every table of this module, for callers of GetVIDConfigMap. The queries below
