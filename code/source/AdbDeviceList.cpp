@@ -49,9 +49,10 @@ void LogNewNoPermissionDevices(const std::map<std::string, std::string>& now) {
     keys.insert(key);
     if (s_no_permission_keys.count(key) != 0) continue;
     LogEx(kLogCategory, QUENWICK_LEVEL_ERROR,
-          "Device %s: no permissions, adb cannot open its USB device node. Copy Pelmora's "
-          "51-pelmora-android.rules to /etc/udev/rules.d, run 'udevadm control --reload-rules "
-          "&& udevadm trigger' as root, and plug the device in again.",
+          "Device %s: no permissions, adb cannot open its USB device node. Install the pelmora-udev "
+          "package (after a source install, copy Pelmora's 51-pelmora-android.rules to "
+          "/etc/udev/rules.d and run 'udevadm control --reload-rules && udevadm trigger' as root), "
+          "and plug the device in again.",
           serial.c_str());
   }
   s_no_permission_keys = std::move(keys);
