@@ -22,10 +22,10 @@ PKG_CONFIG_TIMEOUT_S = 5
 _CHECKOUT = Path(__file__).resolve().parent.parent.parent.parent
 _IN_CHECKOUT = (_CHECKOUT / "code" / "include" / "Pelmora.h").is_file()
 
-# The poll thread ends after its current poll and a pause of about a second. A callback into an
-# interpreter that is shutting down ends the calling thread, which the library cannot survive, so
-# the exit waits this long after the last stop.
-POLL_THREAD_LINGER_S = 1.5
+# The poll thread ends once the poll under way, if any, is done (milliseconds). A callback into an
+# interpreter that is shutting down ends the calling thread, so the exit waits this long after the
+# last stop.
+POLL_THREAD_LINGER_S = 0.5
 
 # What the report callback answers; the library only writes it to its log.
 REPORT_QUEUED = 0
