@@ -41,6 +41,7 @@
 #include "Tarnwell.h"
 #include "UsbTestLists.h"
 #include "UsbTestbed.h"
+#include "../common/UmockdevMain.h"
 
 namespace {
 
@@ -264,22 +265,4 @@ BENCHMARK(BM_AdbListToReport)->Iterations(1)->Unit(benchmark::kSecond)->UseRealT
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  // umockdev must be preloaded before the process starts: run again with it when it is not.
-  if (!UmockdevPreloaded()) {
-    ::setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
-    ::execv("/proc/self/exe", argv);
-    return 1;
-  }
-  // The adb processes started from here must see the machine's /sys, not the testbed's.
-  ::unsetenv("LD_PRELOAD");
-  LoadUsbTestFilterLists();
-  const auto log_dir = std::filesystem::temp_directory_path() / ("pelmora-latency-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(log_dir);
-  InitLogEx(log_dir.c_str(), "Pelmora", (log_dir / "Pelmora.log").c_str());
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  std::filesystem::remove_all(log_dir);
-  return 0;
-}
+int main(int argc, char** argv) { return RunBenchmarksUnderUmockdev(argc, argv, "pelmora-latency", true); }

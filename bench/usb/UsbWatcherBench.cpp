@@ -32,6 +32,7 @@
 #include "Quenwick.h"
 #include "UsbTestLists.h"
 #include "UsbTestbed.h"
+#include "../common/UmockdevMain.h"
 
 namespace {
 
@@ -161,20 +162,4 @@ BENCHMARK(BM_EmulatedNodeMemory)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  // umockdev must be preloaded before the process starts: run again with it when it is not.
-  if (!UmockdevPreloaded()) {
-    setenv("LD_PRELOAD", "libumockdev-preload.so.0", 1);
-    execv("/proc/self/exe", argv);
-    std::perror("re-running under umockdev");
-    return 1;
-  }
-  LoadUsbTestFilterLists();
-  const auto log_dir = std::filesystem::temp_directory_path() / ("pelmora-bench-usb-" + std::to_string(getpid()));
-  InitLogEx(log_dir.c_str(), "Pelmora", (log_dir / "Pelmora.log").c_str());
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  std::filesystem::remove_all(log_dir);
-  return 0;
-}
+int main(int argc, char** argv) { return RunBenchmarksUnderUmockdev(argc, argv, "pelmora-bench-usb", false); }
