@@ -85,9 +85,6 @@ class AndListenerEx {
                                                const std::map<std::string, DeviceInfo_>& details,
                                                int query_code);
 
-  // The detail cache, for tests that look at what a poll left behind (poll thread only).
-  const std::map<std::string, DeviceInfo_>& DetailCache() const { return m_device_info_map; }
-
  private:
   // Shared with the poll thread and with whoever brings news, which may outlive the listener.
   struct PollThreadState {
