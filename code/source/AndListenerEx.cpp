@@ -17,9 +17,12 @@
 
 void AndListenerEx::PollThreadState::Wake(News what) {
   std::lock_guard<std::mutex> lock(mutex);
-  news_whole = (news ? news_whole : true) && what != News::kMayComeInBursts;
+  // USB and ADB news may come in bursts; a phone's details, or the end of a stream, are whole.
+  const bool may_come_in_bursts = what == News::kUsbTable || what == News::kAdbList;
+  news_whole = (news ? news_whole : true) && !may_come_in_bursts;
   news = true;
   tracking_ended = tracking_ended || what == News::kTrackingEnded;
+  tracking_heard = tracking_heard || what == News::kAdbList;
   changed.notify_all();
 }
 
@@ -37,17 +40,23 @@ class AndListenerEx::AdbTracking {
   void KeepUp(int query_code) {
     if (query_code != 0) return;
     bool ended = false;
+    bool heard = false;
     {
       std::lock_guard<std::mutex> lock(state_->mutex);
       ended = state_->tracking_ended;
+      heard = state_->tracking_heard;
     }
     if (tracker_ != nullptr && !ended) return;
+    if (tracker_ != nullptr) {
+      Stop();  // the tracker that ended: no callback of it comes after this
+      retry_pause_ = heard ? kTrackingRetryPause : std::min(2 * retry_pause_, kTrackingRetryPauseMax);
+    }
     const SteadyTime now = std::chrono::steady_clock::now();
-    if (tried_ && now < last_try_ + kTrackingRetryPause) return;
-    Stop();  // the tracker that ended, if any: no callback of it comes after this
+    if (tried_ && now < last_try_ + retry_pause_) return;
     {
       std::lock_guard<std::mutex> lock(state_->mutex);
       state_->tracking_ended = false;
+      state_->tracking_heard = false;
     }
     tried_ = true;
     last_try_ = now;
@@ -63,20 +72,21 @@ class AndListenerEx::AdbTracking {
  private:
   static void OnEvent(void* context, int event, int /*code*/) {
     static_cast<PollThreadState*>(context)->Wake(event == TARNWELL_TRACK_ENDED ? PollThreadState::News::kTrackingEnded
-                                                                                : PollThreadState::News::kMayComeInBursts);
+                                                                                : PollThreadState::News::kAdbList);
   }
 
   std::shared_ptr<PollThreadState> state_;
   TarnwellTracker* tracker_ = nullptr;
   bool tried_ = false;
   SteadyTime last_try_;
+  std::chrono::milliseconds retry_pause_ = kTrackingRetryPause;
 };
 
 AndListenerEx::AndListenerEx(HostCallback callback, ListenerWiring wiring)
     : m_callback(callback),
       m_stop_listen(false),
       m_wiring(wiring),
-      m_detail_reads([state = m_poll_state] { state->Wake(PollThreadState::News::kWhole); }, wiring.poll_pause,
+      m_detail_reads([state = m_poll_state] { state->Wake(PollThreadState::News::kDetails); }, wiring.poll_pause,
                      wiring.inline_detail_reads) {}
 
 AndListenerEx::~AndListenerEx() {
@@ -89,7 +99,7 @@ int AndListenerEx::StartListen() {
   ListenDeviceChange* watcher =
       m_wiring.usb_watcher != nullptr ? m_wiring.usb_watcher : GetListenDeviceChangeMacInstance();
   // Not under the state's lock, which the observer takes.
-  watcher->SetTableObserver([state = m_poll_state] { state->Wake(PollThreadState::News::kMayComeInBursts); });
+  watcher->SetTableObserver([state = m_poll_state] { state->Wake(PollThreadState::News::kUsbTable); });
   std::lock_guard<std::mutex> lock(m_poll_state->mutex);
   m_stop_listen = false;
   m_listen_device_change = watcher;
@@ -185,8 +195,8 @@ int AndListenerEx::PollOnce(std::map<std::string, DeviceBasicInfo_>& previous, i
   return query_code;
 }
 
-// Until the deadline, a stop, a start, or news; news that may come in bursts (USB, the server's
-// list) is given a moment to settle, so that a burst makes one poll. A phone's details are whole.
+// Until the deadline, a stop, a start, or news; news that may come in bursts is given a moment to
+// settle, so that a burst makes one poll.
 void AndListenerEx::WaitForNextPoll(SteadyTime deadline) {
   PollThreadState& state = *m_poll_state;
   std::unique_lock<std::mutex> lock(state.mutex);

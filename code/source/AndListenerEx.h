@@ -28,8 +28,10 @@ using HostCallback = int (*)(const char*, int);
 // a phone that goes from unauthorised to authorised within milliseconds) makes one report.
 inline constexpr std::chrono::milliseconds kNewsSettleWindow{1};
 // Tracking of the ADB server's list is tried again at most this often, after a poll that reached
-// the server.
+// the server; twice as long after each try that brought no list (a server that will not stream),
+// up to the longer pause.
 inline constexpr std::chrono::milliseconds kTrackingRetryPause{1000};
+inline constexpr std::chrono::milliseconds kTrackingRetryPauseMax{60000};
 
 // How a listener is wired. The defaults are the library's own: the process-wide USB watcher, a
 // poll a second, details read on threads of their own. Tests put in a watcher of their own, a
@@ -95,8 +97,9 @@ class AndListenerEx {
     bool news = false;         // something changed since the last poll began
     bool news_whole = true;  // ... and all of it was whole news, with nothing more to come
     bool tracking_ended = false;
+    bool tracking_heard = false;  // the ADB server's stream has brought a list
     int live_threads = 0;      // threads not yet past their last line
-    enum class News { kMayComeInBursts, kWhole, kTrackingEnded };
+    enum class News { kUsbTable, kAdbList, kTrackingEnded, kDetails };
     void Wake(News news);
   };
   class AdbTracking;
