@@ -2,7 +2,8 @@
 """pelmora-monitor --json against the real library, a private adb server and a simulated phone:
 the phone arrives as AuthoredConnect with its model, leaves as NotConnect; every JSON line equals
 the report the library logged (the text it handed the callback); SIGINT ends the run with 0 after
-the poll thread's last line reached the log; no sanitizer report."""
+the poll thread's last line reached the log; no sanitizer report; the adb server the monitor started
+stops on SIGTERM (it must not inherit the monitor's blocked signals)."""
 
 import argparse
 import json
@@ -45,7 +46,7 @@ def main():
     adb = PrivateAdb(work)
     phone = monitor = None
     try:
-        adb.start()
+        adb.guard()  # no server yet: the monitor starts one
         logs = os.path.join(work, "logs")
         monitor = subprocess.Popen(
             [args.monitor, "--json", "--config", args.config, "--resources", work, "--log-dir", logs],
@@ -56,6 +57,9 @@ def main():
                                   daemon=True)
         reader.start()
 
+        deadline = time.monotonic() + WAIT  # the phone's adb would start a server of its own
+        while not adb.server_pids() and time.monotonic() < deadline:
+            time.sleep(0.05)
         model = "E2E Phone 7"
         phone = SimPhone(args.sim_phone, adb, model)
         entry = wait_for(lines, seen, lambda e: e["new_status"] == "AuthoredConnect" and e["model"] == model,
@@ -82,6 +86,13 @@ def main():
         stop = log_text.rfind("StopListenAndroidDevice Enter...")
         expect(stop >= 0 and log_text.find("Exit ListenThread", stop) > stop,
                "the poll thread's last line is not in the log:\n" + log_text[stop:])
+        servers = adb.server_pids()
+        expect(len(servers) == 1, "the monitor started %d adb servers" % len(servers))
+        os.kill(servers[0], signal.SIGTERM)
+        deadline = time.monotonic() + WAIT
+        while servers[0] in adb.server_pids() and time.monotonic() < deadline:
+            time.sleep(0.05)
+        expect(servers[0] not in adb.server_pids(), "the adb server ignored SIGTERM")
         print("monitor end to end: ok, %d reports" % len(printed))
     finally:
         if monitor:

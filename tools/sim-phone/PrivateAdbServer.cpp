@@ -25,6 +25,14 @@ constexpr int kStartTimeoutMs = 10000;
 constexpr int kKillTimeoutMs = 3000;
 // adb's switch for its look at the emulator ports when a server starts: "0" is off.
 constexpr char kEmulatorScan[] = "ADB_EMU";
+// The watchdog: a shell that leaves its parent at once (so that nobody who kills this process and
+// its children reaches it, and nobody waits for it), waits for the end of its stdin (kept on fd 3:
+// a background job's stdin is /dev/null), then stops the server and removes the HOME. Arguments:
+// adb, port, HOME.
+constexpr char kWatchdogScript[] =
+    "exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-; \"$1\" -P \"$2\" kill-server;"
+    " rm -rf \"$3\" ) </dev/null >/dev/null 2>&1 &";
+constexpr int kWatchdogStartTimeoutMs = 5000;
 
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -98,6 +106,7 @@ PrivateAdbServer::PrivateAdbServer(bool scan_emulator_ports)
 
 PrivateAdbServer::~PrivateAdbServer() {
   KillServer();
+  watchdog_.reset();  // finds nothing left to stop
   std::error_code ignored;
   std::filesystem::remove_all(home_, ignored);
 }
@@ -122,6 +131,16 @@ tarnwell::ProcessOutcome PrivateAdbServer::Adb(const std::vector<std::string>& a
 }
 
 bool PrivateAdbServer::Start(std::string* why) {
+  if (!watchdog_.ok()) {
+    posix::Pipe ends;
+    if (posix::OpenPipe(&ends, posix::Blocking::kYes)) {
+      const tarnwell::ProcessOutcome shell = tarnwell::RunProcess(
+          {"/bin/sh", "-c", kWatchdogScript, "pelmora-adb-watchdog", adb_.empty() ? "adb" : adb_,
+           std::to_string(port_), home_},
+          Environment(), tarnwell::Deadline::AfterMs(kWatchdogStartTimeoutMs), ends.read.get());
+      if (shell.started) watchdog_ = std::move(ends.write);
+    }
+  }
   tarnwell::ProcessOutcome run = Adb({"start-server"}, kStartTimeoutMs);
   bool ok = run.started && !run.timed_out && run.exit_code == 0;
   if (!ok && why != nullptr) *why = run.error + run.output;

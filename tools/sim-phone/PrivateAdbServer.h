@@ -1,6 +1,8 @@
 // A real adb server of one's own: a free loopback port, a temporary HOME (adb needs a writable
 // $HOME/.android), every adb command bounded in time, and on destruction `kill-server`, then
-// SIGKILL to whatever server process still serves the port, then the HOME removed.
+// SIGKILL to whatever server process still serves the port, then the HOME removed. A watchdog
+// that outlives this process does the same when the process dies without its destructor (killed
+// at a test's timeout, say): adb's server is a daemon of its own and would stay behind.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +11,7 @@
 #include <vector>
 
 #include "Subprocess.h"
+#include "UniqueFd.h"
 
 namespace sim_phone {
 
@@ -34,7 +37,8 @@ class PrivateAdbServer {
   // Sets them in this process, for code that reads them (libTarnwell, adb run from here).
   void ApplyToThisProcess() const;
 
-  // `adb start-server` on the port; false (with adb's words in *why) when no server came up.
+  // `adb start-server` on the port (with the watchdog started first); false, with adb's words in
+  // *why, when no server came up.
   bool Start(std::string* why = nullptr);
   // Any adb command against this server, bounded.
   tarnwell::ProcessOutcome Adb(const std::vector<std::string>& args, int timeout_ms = 5000) const;
@@ -51,6 +55,7 @@ class PrivateAdbServer {
   std::string home_;
   std::string adb_;
   bool scan_emulator_ports_ = false;
+  posix::UniqueFd watchdog_;  // the watchdog acts once this end is closed, by us or by our death
 };
 
 }  // namespace sim_phone

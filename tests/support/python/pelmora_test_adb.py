@@ -32,12 +32,38 @@ class PrivateAdb:
         # ADB_EMU=0: no look at the emulator ports, which other tests' phones may hold.
         self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port), ADB_EMU="0")
         self.env.pop("ADB_VENDOR_KEYS", None)
+        self.watchdog = None
 
     def start(self):
+        self.guard()
         run(["adb", "-P", str(self.port), "start-server"], env=self.env, timeout=30)
+
+    def guard(self):
+        """A watchdog that outlives this process and kills the server on the port (whoever starts it) if
+        the test is killed before kill(): the C++ tests' shell (adb, port), woken by the end of its stdin."""
+        watchdog = subprocess.Popen(
+            ["/bin/sh", "-c", "exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-; \"$1\" -P \"$2\" "
+             "kill-server ) </dev/null >/dev/null 2>&1 &", "pelmora-adb-watchdog", "adb", str(self.port)],
+            env=self.env, stdin=subprocess.PIPE)
+        watchdog.wait(timeout=10)
+        self.watchdog = watchdog.stdin
+
+    def server_pids(self):
+        """The server processes serving the port (Linux: from /proc)."""
+        marker, pids = ("tcp:%d fork-server" % self.port).encode(), []
+        for pid in filter(str.isdigit, os.listdir("/proc")):
+            try:
+                with open("/proc/%s/cmdline" % pid, "rb") as f:
+                    if marker in f.read().replace(b"\0", b" "):
+                        pids.append(int(pid))
+            except OSError:
+                pass
+        return pids
 
     def kill(self):
         run(["adb", "-P", str(self.port), "kill-server"], env=self.env, timeout=30, check=False)
+        if self.watchdog:
+            self.watchdog.close()
 
 
 class SimPhone:
@@ -54,7 +80,7 @@ class SimPhone:
 
     def stop(self):
         try:
-            self.process.communicate("quit\n", timeout=10)
+            self.process.communicate(timeout=10)  # the end of its stdin quits it
         except (subprocess.TimeoutExpired, BrokenPipeError, ValueError):
             self.process.kill()
             self.process.communicate()
