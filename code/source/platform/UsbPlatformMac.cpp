@@ -1,6 +1,7 @@
 // The USB watcher's platform on macOS: IOKit matching and interest notifications delivered on the
-// watcher thread's run loop, the registry's serial number property, and string descriptors read
-// through the USB device interface without opening the device.
+// watcher thread's run loop, the registry's serial number and string properties, and string
+// descriptors read through the USB device interface without opening the device, for a string the
+// registry lacks.
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/IOCFPlugIn.h>
 #include <IOKit/IOKitLib.h>
@@ -67,17 +68,41 @@ struct MacUsbService : UsbService {
 struct MacUsbIterator : UsbIterator {
   ObjectReleaser iterator;
 };
+// IOKit's decoded copies of the device's manufacturer and product strings, from its registry
+// entry; absent when the device has none or IOKit could not read them.
+struct RegistryStrings {
+  bool has_manufacturer = false;
+  bool has_product = false;
+  std::string manufacturer;
+  std::string product;
+};
 struct MacUsbPlugIn : UsbPlugIn {
   IOCFPlugInInterface** plugIn = nullptr;
+  RegistryStrings strings;
 };
 struct MacUsbDeviceInterface : UsbDeviceInterface {
   DeviceTable** device = nullptr;
+  RegistryStrings strings;
 };
 struct MacUsbNotification : UsbNotification {
   ObjectReleaser registration;
   UsbDeviceRemovedCallback callback = nullptr;
   void* refCon = nullptr;
 };
+
+// A text property of the device's own registry entry as UTF-8; false when absent or not a text.
+bool RegistryText(io_service_t service, CFStringRef key, std::string* text) {
+  const CFHolder property(IORegistryEntryCreateCFProperty(service, key, kCFAllocatorDefault, 0));
+  if (property == nullptr || CFGetTypeID(property.get()) != CFStringGetTypeID()) return false;
+  const auto string = static_cast<CFStringRef>(property.get());
+  std::vector<char> buffer(
+      static_cast<size_t>(CFStringGetMaximumSizeForEncoding(CFStringGetLength(string), kCFStringEncodingUTF8)) + 1);
+  if (!CFStringGetCString(string, buffer.data(), static_cast<CFIndex>(buffer.size()), kCFStringEncodingUTF8)) {
+    return false;
+  }
+  *text = buffer.data();
+  return true;
+}
 
 io_service_t ServiceOf(UsbService* service) { return static_cast<MacUsbService*>(service)->service; }
 DeviceTable** DeviceOf(UsbDeviceInterface* device) {
@@ -168,13 +193,17 @@ class MacUsbPlatform : public UsbPlatform {
     if (kr != KERN_SUCCESS || created == nullptr) return kr;
     auto* wrapped = new MacUsbPlugIn;
     wrapped->plugIn = created;
+    RegistryStrings& strings = wrapped->strings;
+    strings.has_manufacturer = RegistryText(ServiceOf(service), CFSTR(kUSBVendorString), &strings.manufacturer);
+    strings.has_product = RegistryText(ServiceOf(service), CFSTR(kUSBProductString), &strings.product);
     *plugIn = wrapped;
     return 0;
   }
 
   int QueryDeviceInterface(UsbPlugIn* plugIn, UsbDeviceInterface** device) override {
     *device = nullptr;
-    IOCFPlugInInterface** source = static_cast<MacUsbPlugIn*>(plugIn)->plugIn;
+    auto* wrapped_plugIn = static_cast<MacUsbPlugIn*>(plugIn);
+    IOCFPlugInInterface** source = wrapped_plugIn->plugIn;
     HRESULT answer = E_NOINTERFACE;
     for (size_t rank = 0; answer == E_NOINTERFACE && DeviceInterfaceId(rank) != nullptr; ++rank) {
       DeviceTable** found = nullptr;
@@ -183,6 +212,7 @@ class MacUsbPlatform : public UsbPlatform {
       if (answer == S_OK && found != nullptr) {
         auto* wrapped = new MacUsbDeviceInterface;
         wrapped->device = found;
+        wrapped->strings = wrapped_plugIn->strings;
         *device = wrapped;
         return 0;
       }
@@ -210,6 +240,14 @@ class MacUsbPlatform : public UsbPlatform {
     return (*DeviceOf(device))->USBGetProductStringIndex(DeviceOf(device), index);
   }
 
+  bool GetStringText(UsbDeviceInterface* device, UsbString which, std::string* text) override {
+    const RegistryStrings& strings = static_cast<MacUsbDeviceInterface*>(device)->strings;
+    const bool manufacturer = which == UsbString::kManufacturer;
+    if (!(manufacturer ? strings.has_manufacturer : strings.has_product)) return false;
+    *text = manufacturer ? strings.manufacturer : strings.product;
+    return true;
+  }
+
   int DeviceRequest(UsbDeviceInterface* device, UsbDeviceRequest* request) override {
     // DeviceRequestTO, on the unopened device: the plain DeviceRequest waits as long as the
     // device takes, and one silent device would hold up every later arrival.
@@ -227,8 +265,16 @@ class MacUsbPlatform : public UsbPlatform {
     return kr;
   }
 
+  // From the device descriptor IOKit read at enumeration.
+  bool GetDeviceClass(UsbDeviceInterface* handle, UsbClassCodes* codes) override {
+    DeviceTable** device = DeviceOf(handle);
+    return (*device)->GetDeviceClass(device, &codes->class_code) == kIOReturnSuccess &&
+           (*device)->GetDeviceSubClass(device, &codes->subclass) == kIOReturnSuccess &&
+           (*device)->GetDeviceProtocol(device, &codes->protocol) == kIOReturnSuccess;
+  }
+
   // From the configuration descriptors IOKit read at enumeration: nothing is sent to the device.
-  bool GetInterfaceClasses(UsbDeviceInterface* handle, std::vector<UsbInterfaceClass>* interfaces) override {
+  bool GetInterfaceClasses(UsbDeviceInterface* handle, std::vector<UsbClassCodes>* interfaces) override {
     interfaces->clear();
     DeviceTable** device = DeviceOf(handle);
     UInt8 count = 0;
