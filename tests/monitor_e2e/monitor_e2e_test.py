@@ -19,7 +19,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone, expect  # noqa: E402
+from pelmora_test_adb import PrivateAdb, SimPhone, expect, wait_until  # noqa: E402
 
 WAIT = 20  # seconds for any one expected line
 
@@ -57,9 +57,7 @@ def main():
                                   daemon=True)
         reader.start()
 
-        deadline = time.monotonic() + WAIT  # the phone's adb would start a server of its own
-        while not adb.server_pids() and time.monotonic() < deadline:
-            time.sleep(0.05)
+        wait_until(adb.server_pids)  # the monitor's own server, before the phone's adb could start one
         model = "E2E Phone 7"
         phone = SimPhone(args.sim_phone, adb, model)
         entry = wait_for(lines, seen, lambda e: e["new_status"] == "AuthoredConnect" and e["model"] == model,
@@ -89,10 +87,7 @@ def main():
         servers = adb.server_pids()
         expect(len(servers) == 1, "the monitor started %d adb servers" % len(servers))
         os.kill(servers[0], signal.SIGTERM)
-        deadline = time.monotonic() + WAIT
-        while servers[0] in adb.server_pids() and time.monotonic() < deadline:
-            time.sleep(0.05)
-        expect(servers[0] not in adb.server_pids(), "the adb server ignored SIGTERM")
+        expect(wait_until(lambda: not adb.server_pids()), "the adb server ignored SIGTERM")
         print("monitor end to end: ok, %d reports" % len(printed))
     finally:
         if monitor:

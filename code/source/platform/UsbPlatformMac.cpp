@@ -23,6 +23,8 @@ namespace {
 constexpr mach_port_t kDefaultMainPort = MACH_PORT_NULL;
 constexpr UInt32 kControlTimeoutMs = 1000;
 constexpr CFIndex kSerialNumberBufferSize = 260;  // text and its terminating zero
+// A string descriptor holds at most 126 UTF-16 units, each at most 3 bytes of UTF-8.
+constexpr CFIndex kStringTextBufferSize = 126 * 3 + 1;
 constexpr uint8_t kInterfaceDescriptorType = 4;
 constexpr size_t kInterfaceDescriptorLength = 9;
 
@@ -90,18 +92,22 @@ struct MacUsbNotification : UsbNotification {
   void* refCon = nullptr;
 };
 
-// A text property of the device's own registry entry as UTF-8; false when absent or not a text.
-bool RegistryText(io_service_t service, CFStringRef key, std::string* text) {
-  const CFHolder property(IORegistryEntryCreateCFProperty(service, key, kCFAllocatorDefault, 0));
+// A registry property as UTF-8 text; false when it is absent, no text, or longer than size - 1 bytes.
+// The property is whatever the device's driver published: only a text is converted.
+bool PropertyText(const CFHolder& property, CFIndex size, std::string* text) {
   if (property == nullptr || CFGetTypeID(property.get()) != CFStringGetTypeID()) return false;
-  const auto string = static_cast<CFStringRef>(property.get());
-  std::vector<char> buffer(
-      static_cast<size_t>(CFStringGetMaximumSizeForEncoding(CFStringGetLength(string), kCFStringEncodingUTF8)) + 1);
-  if (!CFStringGetCString(string, buffer.data(), static_cast<CFIndex>(buffer.size()), kCFStringEncodingUTF8)) {
+  std::vector<char> buffer(static_cast<size_t>(size));
+  if (!CFStringGetCString(static_cast<CFStringRef>(property.get()), buffer.data(), size, kCFStringEncodingUTF8)) {
     return false;
   }
   *text = buffer.data();
   return true;
+}
+
+// A text property of the device's own registry entry ("USB Vendor Name", say).
+bool RegistryText(io_service_t service, CFStringRef key, std::string* text) {
+  return PropertyText(CFHolder(IORegistryEntryCreateCFProperty(service, key, kCFAllocatorDefault, 0)),
+                      kStringTextBufferSize, text);
 }
 
 io_service_t ServiceOf(UsbService* service) { return static_cast<MacUsbService*>(service)->service; }
@@ -172,16 +178,7 @@ class MacUsbPlatform : public UsbPlatform {
     const CFHolder property(IORegistryEntrySearchCFProperty(ServiceOf(service), kIOServicePlane,
                                                             CFSTR(kUSBSerialNumberString), kCFAllocatorDefault,
                                                             kIORegistryIterateRecursively));
-    if (property == nullptr) return false;
-    // The property is whatever the device's driver published: only a text is converted.
-    if (CFGetTypeID(property.get()) != CFStringGetTypeID()) return false;
-    char buffer[kSerialNumberBufferSize] = {};
-    if (!CFStringGetCString(static_cast<CFStringRef>(property.get()), buffer, sizeof buffer,
-                            kCFStringEncodingUTF8)) {
-      return false;
-    }
-    *serial = buffer;
-    return true;
+    return PropertyText(property, kSerialNumberBufferSize, serial);
   }
 
   int CreatePlugInInterface(UsbService* service, UsbPlugIn** plugIn) override {

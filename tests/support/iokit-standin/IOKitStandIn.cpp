@@ -241,10 +241,6 @@ void CFRelease(CFTypeRef ref) {
 CFTypeID CFGetTypeID(CFTypeRef ref) { return static_cast<const CFObject*>(ref)->type; }
 CFTypeID CFStringGetTypeID(void) { return kString; }
 
-// Texts are held as UTF-8, whose byte count bounds the UTF-16 length.
-CFIndex CFStringGetLength(CFStringRef string) { return static_cast<CFIndex>(string->text.size()); }
-CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding) { return 3 * length; }
-
 Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex size, CFStringEncoding encoding) {
   if (string->type != kString) Misuse("CFStringGetCString on something else than a text");
   if (encoding != kCFStringEncodingUTF8 || string->text.size() + 1 > static_cast<size_t>(size)) return false;

@@ -5,6 +5,12 @@ import os
 import socket
 import subprocess
 import sys
+import time
+
+# Kills the server on port $2 with adb $1 once stdin ends (at kill(), or when the test dies), from a
+# background shell that nothing killing the test reaches: the C++ tests' PrivateAdbServer does the same.
+WATCHDOG = ("exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-; \"$1\" -P \"$2\" kill-server )"
+            " </dev/null >/dev/null 2>&1 &")
 
 
 def run(cmd, env=None, timeout=120, check=True, **kwargs):
@@ -13,6 +19,13 @@ def run(cmd, env=None, timeout=120, check=True, **kwargs):
         sys.exit("FAILED (%d): %s\nstdout:\n%s\nstderr:\n%s"
                  % (result.returncode, " ".join(cmd), result.stdout, result.stderr))
     return result
+
+
+def wait_until(predicate, seconds=20):
+    deadline = time.monotonic() + seconds
+    while not predicate() and time.monotonic() < deadline:
+        time.sleep(0.05)
+    return predicate()
 
 
 def expect(condition, message):
@@ -39,31 +52,18 @@ class PrivateAdb:
         run(["adb", "-P", str(self.port), "start-server"], env=self.env, timeout=30)
 
     def guard(self):
-        """A watchdog that outlives this process and kills the server on the port (whoever starts it) if
-        the test is killed before kill(): the C++ tests' shell (adb, port), woken by the end of its stdin."""
-        watchdog = subprocess.Popen(
-            ["/bin/sh", "-c", "exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-; \"$1\" -P \"$2\" "
-             "kill-server ) </dev/null >/dev/null 2>&1 &", "pelmora-adb-watchdog", "adb", str(self.port)],
-            env=self.env, stdin=subprocess.PIPE)
-        watchdog.wait(timeout=10)
-        self.watchdog = watchdog.stdin
+        """Starts the watchdog of the server on the port, whoever starts that server."""
+        self.watchdog = subprocess.Popen(["/bin/sh", "-c", WATCHDOG, "pelmora-adb-watchdog", "adb", str(self.port)],
+                                         env=self.env, stdin=subprocess.PIPE)
+        self.watchdog.wait(timeout=10)
 
     def server_pids(self):
-        """The server processes serving the port (Linux: from /proc)."""
-        marker, pids = ("tcp:%d fork-server" % self.port).encode(), []
-        for pid in filter(str.isdigit, os.listdir("/proc")):
-            try:
-                with open("/proc/%s/cmdline" % pid, "rb") as f:
-                    if marker in f.read().replace(b"\0", b" "):
-                        pids.append(int(pid))
-            except OSError:
-                pass
-        return pids
+        return [int(p) for p in run(["pgrep", "-f", "tcp:%d fork-server" % self.port], check=False).stdout.split()]
 
     def kill(self):
         run(["adb", "-P", str(self.port), "kill-server"], env=self.env, timeout=30, check=False)
         if self.watchdog:
-            self.watchdog.close()
+            self.watchdog.stdin.close()
 
 
 class SimPhone:

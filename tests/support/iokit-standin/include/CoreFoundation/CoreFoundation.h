@@ -35,8 +35,6 @@ void CFRelease(CFTypeRef object);
 CFTypeID CFGetTypeID(CFTypeRef object);
 
 CFTypeID CFStringGetTypeID(void);
-CFIndex CFStringGetLength(CFStringRef string);
-CFIndex CFStringGetMaximumSizeForEncoding(CFIndex length, CFStringEncoding encoding);
 Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex bufferSize, CFStringEncoding encoding);
 CFStringRef __CFStringMakeConstantString(const char* text);
 #define CFSTR(text) __CFStringMakeConstantString("" text "")
