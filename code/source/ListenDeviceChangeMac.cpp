@@ -28,10 +28,10 @@ struct DeviceNotifyInfo {
 constexpr size_t kSerialNumberBufferSize = 260;  // text and its terminating zero
 constexpr size_t kManufacturerBufferSize = 100;
 constexpr uint16_t kStringDescriptorLength = 256;
-// USB-IF classes a phone never has: a device whose own class is one of the first group, or that
-// declares only interfaces of the second, is passed over before the lists are asked. Bluetooth is
-// matched to its protocol in both places, because Android's RNDIS tethering shares its class and
-// subclass, and at device level too (Android's tethering configurations set the device class E0).
+// USB-IF classes a phone never has: a device whose own class is one of them, or that declares only
+// interfaces of them, is passed over before the lists are asked. Bluetooth is matched to its
+// protocol, because Android's RNDIS tethering shares its class and subclass (at device level too:
+// Android's tethering configurations set the device class E0).
 constexpr uint8_t kUsbClassHid = 0x03;
 constexpr uint8_t kUsbClassPrinter = 0x07;
 constexpr uint8_t kUsbClassHub = 0x09;
@@ -175,35 +175,22 @@ static UsbDeviceInterface* OpenDeviceInterface(UsbService* service) {
   return device;
 }
 
-static bool IsBluetooth(const UsbClassCodes& codes) {
-  return codes.class_code == kUsbClassWirelessController && codes.subclass == kUsbSubClassRadioFrequency &&
-         codes.protocol == kUsbProtocolBluetooth;
-}
-
-static bool IsNeverOnAPhone(const UsbClassCodes& interface) {
-  switch (interface.class_code) {
+// Video counts only as the device's own class: a phone serving as a webcam declares video interfaces.
+enum class ClassOf { kDevice, kInterface };
+static bool IsNeverOnAPhone(const UsbClassCodes& codes, ClassOf owner) {
+  switch (codes.class_code) {
     case kUsbClassHid:
     case kUsbClassPrinter:
     case kUsbClassHub:
     case kUsbClassSmartCard:
+    case kUsbClassBillboard:
     case kUsbClassApplicationSpecific:
       return true;
-    default:
-      return IsBluetooth(interface);
-  }
-}
-
-// A device whose own class says what it is: a hub, a USB-C billboard, a webcam, a keyboard or
-// mouse, a Bluetooth radio.
-static bool IsNeverAPhoneDevice(const UsbClassCodes& device) {
-  switch (device.class_code) {
-    case kUsbClassHid:
-    case kUsbClassHub:
     case kUsbClassVideo:
-    case kUsbClassBillboard:
-      return true;
+      return owner == ClassOf::kDevice;
     default:
-      return IsBluetooth(device);
+      return codes.class_code == kUsbClassWirelessController && codes.subclass == kUsbSubClassRadioFrequency &&
+             codes.protocol == kUsbProtocolBluetooth;
   }
 }
 
@@ -215,7 +202,9 @@ static bool IsAdbInterface(const UsbClassCodes& interface) {
 // True for a device whose every interface is of a class no phone exposes (a keyboard, a hub, a
 // printer, a card reader, a Bluetooth radio with its firmware interface), when the platform can tell.
 static bool DeclaresOnlyNonPhoneInterfaces(const std::vector<UsbClassCodes>& interfaces) {
-  return !interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsNeverOnAPhone);
+  return !interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), [](const UsbClassCodes& codes) {
+           return IsNeverOnAPhone(codes, ClassOf::kInterface);
+         });
 }
 
 static void HandleArrival(UsbService* service) {
@@ -241,7 +230,7 @@ static void HandleArrival(UsbService* service) {
   if (!s_notification_port->GetInterfaceClasses(device, &interfaces)) interfaces.clear();
   UsbClassCodes device_class;
   const bool class_known = s_notification_port->GetDeviceClass(device, &device_class);
-  if ((class_known && IsNeverAPhoneDevice(device_class)) || DeclaresOnlyNonPhoneInterfaces(interfaces)) {
+  if ((class_known && IsNeverOnAPhone(device_class, ClassOf::kDevice)) || DeclaresOnlyNonPhoneInterfaces(interfaces)) {
     Log(QUENWICK_LEVEL_INFO, "usb device passed over, no interface a phone has: serial:%s vid:%hu pid:%hu",
         serial.c_str(), vid, pid);
     return;

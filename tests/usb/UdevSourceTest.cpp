@@ -125,7 +125,6 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
   } cases[] = {
       {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD " + grin, 1)), "Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD " + grin, 0},
       {Phone(10, "half", with("Acme", none, 1, Strings{}, EPERM)), "Acme", "", 1},
-      {Phone(11, "zero-sysfs", with(none, grin, 0)), "", grin, 0},
       {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "", "Node", 1},
       {Phone(14, "stalls", with(none, none, 1, Strings{{1, u"Only"}})), "Only", "", 2},
       {Phone(15, "gone", with(none, "Phone gone", 1, Strings{}, ENODEV)), "", "Phone gone", 1},

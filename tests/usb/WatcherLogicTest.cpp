@@ -138,6 +138,7 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
       {"phone", classes({{0x06, 1, 1}, {0xFF, 0x42, 1}}), "Acme"},
       {"tethering", [&](Device& d) { classes({{0xE0, 1, 3}, {0x0A, 0, 0}})(d), d.device_class = {0xE0, 0, 0}; }, "Acme"},
       {"hid-and-mtp", classes({{0x03, 0, 0}, {0x06, 1, 1}}), "Acme"},
+      {"webcam-mode", classes({{0x0E, 1, 0}, {0x0E, 2, 0}}), "Acme"},  // video only as the device's class
       // A keyboard's interface, then a descriptor that does not chain: the platform cannot tell.
       {"broken", [](Device& d) { d.configuration = {9, 2, 21, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 3, 1, 1, 0, 0, 4, 0}; },
        "Acme"},
@@ -184,9 +185,9 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
     lines.insert({line.level, line.has_category ? line.category : "", line.text});
   }
   EXPECT_EQ(lines, expected_lines);
-  EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:BLACK",  // attached
-                                                         "AdbGetPhoneManufacturer:named",
-                                                         "AdbGetPhoneManufacturer:nameless"}));
+  EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:nameless",  // attached
+                                                         "AdbGetPhoneManufacturer:BLACK",
+                                                         "AdbGetPhoneManufacturer:named"}));
   EXPECT_EQ(Held("plug-in"), 0);
   EXPECT_EQ(Held("service"), 0);
   EXPECT_EQ(Held("interface"), static_cast<int>(recorded)) << "only recorded devices keep one";
