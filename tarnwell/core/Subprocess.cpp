@@ -120,7 +120,7 @@ std::string FindOnPath(const std::string& name) {
 
 ProcessOutcome RunProcess(const std::vector<std::string>& argv,
                           const std::vector<std::string>& environment_overrides,
-                          const Deadline& deadline, int input_fd) {
+                          const Deadline& deadline, const SpawnOptions& options) {
   ProcessOutcome outcome;
   if (argv.empty()) {
     outcome.error = "no program given";
@@ -138,8 +138,8 @@ ProcessOutcome RunProcess(const std::vector<std::string>& argv,
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  if (input_fd >= 0) {
-    posix_spawn_file_actions_adddup2(&actions, input_fd, STDIN_FILENO);
+  if (options.input_fd >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, options.input_fd, STDIN_FILENO);
   } else {
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   }
@@ -157,7 +157,12 @@ ProcessOutcome RunProcess(const std::vector<std::string>& argv,
   sigdelset(&every, SIGSTOP);
   posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawnattr_setsigdefault(&attributes, &every);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (options.own_process_group) {
+    flags |= POSIX_SPAWN_SETPGROUP;
+    posix_spawnattr_setpgroup(&attributes, 0);  // a group of its own, led by the child
+  }
+  posix_spawnattr_setflags(&attributes, flags);
 
   std::vector<std::string> args = argv;
   std::vector<std::string> env = MergedEnvironment(environment_overrides);

@@ -45,8 +45,7 @@ def main():
     work = tempfile.mkdtemp(prefix="pelmora-monitor-e2e-")
     adb = PrivateAdb(work)
     phone = monitor = None
-    try:
-        adb.guard()  # no server yet: the monitor starts one
+    try:  # no server yet: the monitor starts one
         logs = os.path.join(work, "logs")
         monitor = subprocess.Popen(
             [args.monitor, "--json", "--config", args.config, "--resources", work, "--log-dir", logs],

@@ -1,8 +1,8 @@
 // A real adb server of one's own: a free loopback port, a temporary HOME (adb needs a writable
 // $HOME/.android), every adb command bounded in time, and on destruction `kill-server`, then
-// SIGKILL to whatever server process still serves the port, then the HOME removed. A watchdog
-// that outlives this process does the same when the process dies without its destructor (killed
-// at a test's timeout, say): adb's server is a daemon of its own and would stay behind.
+// SIGKILL to whatever server process still serves the port, then the HOME removed. When the
+// process dies without its destructor (killed at a test's timeout, say), a watchdog that outlives
+// it runs `kill-server` and removes the HOME: adb's server is a daemon and would stay behind.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +17,11 @@ namespace sim_phone {
 
 class PrivateAdbServer {
  public:
-  // Picks the port and HOME; starts nothing. The server looks for emulators (device daemons on
-  // 127.0.0.1:5555, 5557, ... when it starts) only when asked to: a test's server would otherwise
-  // attach the emulator ports of whatever else runs on the machine.
+  // Picks the port and HOME and starts the watchdog of whatever server will serve that port (this
+  // process's `adb start-server`, or a library asked to start one); starts no server. The server
+  // looks for emulators (device daemons on 127.0.0.1:5555, 5557, ... when it starts) only when
+  // asked to: a test's server would otherwise attach the emulator ports of whatever else runs on
+  // the machine.
   explicit PrivateAdbServer(bool scan_emulator_ports = false);
   ~PrivateAdbServer();
   PrivateAdbServer(const PrivateAdbServer&) = delete;
@@ -37,8 +39,7 @@ class PrivateAdbServer {
   // Sets them in this process, for code that reads them (libTarnwell, adb run from here).
   void ApplyToThisProcess() const;
 
-  // `adb start-server` on the port (with the watchdog started first); false, with adb's words in
-  // *why, when no server came up.
+  // `adb start-server` on the port; false (with adb's words in *why) when no server came up.
   bool Start(std::string* why = nullptr);
   // Any adb command against this server, bounded.
   tarnwell::ProcessOutcome Adb(const std::vector<std::string>& args, int timeout_ms = 5000) const;

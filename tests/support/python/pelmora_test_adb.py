@@ -7,10 +7,11 @@ import subprocess
 import sys
 import time
 
-# Kills the server on port $2 with adb $1 once stdin ends (at kill(), or when the test dies), from a
-# background shell that nothing killing the test reaches: the C++ tests' PrivateAdbServer does the same.
-WATCHDOG = ("exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-; \"$1\" -P \"$2\" kill-server )"
-            " </dev/null >/dev/null 2>&1 &")
+# Kills the server on port $2 with adb $1 once stdin ends (at kill(), or when the test dies), three times a
+# second apart for one still starting, from a background shell in a session of its own that nothing killing
+# the test reaches: the C++ tests' PrivateAdbServer does the same.
+WATCHDOG = ("exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-;"
+            " for try in 1 2 3; do \"$1\" -P \"$2\" kill-server; sleep 1; done ) </dev/null >/dev/null 2>&1 &")
 
 
 def run(cmd, env=None, timeout=120, check=True, **kwargs):
@@ -34,7 +35,8 @@ def expect(condition, message):
 
 
 class PrivateAdb:
-    """A real adb server on a port of its own; env is what a client of it runs with."""
+    """A real adb server on a port of its own, killed by a watchdog whoever starts it, even when the test dies
+    before kill(); env is what a client of it runs with."""
 
     def __init__(self, work):
         with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
@@ -45,25 +47,19 @@ class PrivateAdb:
         # ADB_EMU=0: no look at the emulator ports, which other tests' phones may hold.
         self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port), ADB_EMU="0")
         self.env.pop("ADB_VENDOR_KEYS", None)
-        self.watchdog = None
+        self.watchdog = subprocess.Popen(["/bin/sh", "-c", WATCHDOG, "pelmora-adb-watchdog", "adb", str(self.port)],
+                                         env=self.env, stdin=subprocess.PIPE, start_new_session=True)
+        self.watchdog.wait(timeout=10)
 
     def start(self):
-        self.guard()
         run(["adb", "-P", str(self.port), "start-server"], env=self.env, timeout=30)
-
-    def guard(self):
-        """Starts the watchdog of the server on the port, whoever starts that server."""
-        self.watchdog = subprocess.Popen(["/bin/sh", "-c", WATCHDOG, "pelmora-adb-watchdog", "adb", str(self.port)],
-                                         env=self.env, stdin=subprocess.PIPE)
-        self.watchdog.wait(timeout=10)
 
     def server_pids(self):
         return [int(p) for p in run(["pgrep", "-f", "tcp:%d fork-server" % self.port], check=False).stdout.split()]
 
     def kill(self):
         run(["adb", "-P", str(self.port), "kill-server"], env=self.env, timeout=30, check=False)
-        if self.watchdog:
-            self.watchdog.stdin.close()
+        self.watchdog.stdin.close()
 
 
 class SimPhone:
