@@ -1,5 +1,8 @@
-// The listener: the poll thread, the merge of the USB and ADB views, change detection, device
-// details and the JSON change report.
+// The listener: the poll thread and its wiring. Each poll merges ADB's device list and the USB
+// device table, compares the result with what the host was told last, and hands the changes to
+// the host as JSON. A poll runs a second after the last one, or a few milliseconds after news
+// (the USB table changed, the ADB server's list changed, a phone's details came in), whichever
+// comes first.
 #pragma once
 
 #include <atomic>
@@ -11,27 +14,30 @@
 #include <string>
 #include <vector>
 
+#include "AdbDeviceList.h"
+#include "ChangeReport.h"
+#include "DeviceDetails.h"
 #include "DeviceInfo.h"
+#include "DeviceMerge.h"
 
 class ListenDeviceChange;
 
 using HostCallback = int (*)(const char*, int);
 
-// The ADB list text of AdbGetDevicesEx into the ADB status map; 0, or the library's code. A device
-// that ADB is still connecting or authorising is left out; a "no permissions" one is logged with
-// its remedy when it first shows so.
-int GetDevicesAuthorStatusEx(std::map<std::string, DeviceAuthorInfo_>& devices);
+// How long a poll woken by news waits for more of it, so that a burst (a hub with four phones,
+// a phone that goes from unauthorised to authorised within milliseconds) makes one report.
+inline constexpr std::chrono::milliseconds kNewsSettleWindow{2};
+// Tracking of the ADB server's list is tried again at most this often, after a poll that reached
+// the server.
+inline constexpr std::chrono::milliseconds kTrackingRetryPause{1000};
 
-// True when text holds "\u" (backslash, u), "," or ".".
-bool IsContainInvailChar(std::string text);
-// text with every occurrence of sub removed, searching again from the start after each removal.
-std::string StripSubString(std::string text, std::string sub);
-
-// How a listener is wired. The defaults are the library's own: the process-wide USB watcher and a
-// pause of one second after each poll. Tests put in a watcher of their own and a shorter pause.
+// How a listener is wired. The defaults are the library's own: the process-wide USB watcher, a
+// poll a second, details read on threads of their own. Tests put in a watcher of their own, a
+// shorter pause, and reads made within the poll when they step polls by hand.
 struct ListenerWiring {
   ListenDeviceChange* usb_watcher = nullptr;  // null: GetListenDeviceChangeMacInstance()
   std::chrono::milliseconds poll_pause{1000};
+  bool inline_detail_reads = false;
 };
 
 class AndListenerEx {
@@ -45,50 +51,62 @@ class AndListenerEx {
   // soon after a stop) no second one is made: the running thread is kept and told to start
   // afresh, so its next poll reports every device as new, just as a new thread's first poll would.
   int StartListen();
-  // Asks the poll thread to end after its current poll and pause; does not wait.
+  // Asks the poll thread to end after its current poll; does not wait.
   void StopListen();
   int ListenThread();
 
+  // One poll's work: merge, changes, details, report.
   void DealListenInfo(const std::map<std::string, DeviceModleInfo>* usb_devices,
                       const std::map<std::string, DeviceAuthorInfo_>* adb_devices,
                       std::map<std::string, DeviceBasicInfo_>* previous, int query_code,
                       int* last_query_code);
-  void GetAssembleBasicInfo(const std::map<std::string, DeviceModleInfo>* usb_devices,
-                            const std::map<std::string, DeviceAuthorInfo_>* adb_devices,
-                            std::map<std::string, DeviceBasicInfo_>& merged);
-  void ConvertEnumDeviceInfo(const std::map<std::string, DeviceModleInfo>* usb_devices,
-                             DeviceConnectStatus status,
-                             std::map<std::string, DeviceBasicInfo_>* merged);
-  void ConvertEnumDeviceInfo(const std::map<std::string, DeviceAuthorInfo_>& adb_devices,
-                             std::map<std::string, DeviceBasicInfo_>* merged);
-  void GetDevicesInfoChange(const std::map<std::string, DeviceBasicInfo_>& previous,
-                            const std::map<std::string, DeviceBasicInfo_>& current,
-                            std::vector<DevicesStatusChangeInfo_>& changes);
+
+  // The merge and change detection (DeviceMerge.cpp): functions of their arguments alone.
+  static void GetAssembleBasicInfo(const std::map<std::string, DeviceModleInfo>* usb_devices,
+                                   const std::map<std::string, DeviceAuthorInfo_>* adb_devices,
+                                   std::map<std::string, DeviceBasicInfo_>& merged);
+  static void ConvertEnumDeviceInfo(const std::map<std::string, DeviceModleInfo>* usb_devices,
+                                    DeviceConnectStatus status, std::map<std::string, DeviceBasicInfo_>* merged);
+  static void ConvertEnumDeviceInfo(const std::map<std::string, DeviceAuthorInfo_>& adb_devices,
+                                    std::map<std::string, DeviceBasicInfo_>* merged);
+  static void GetDevicesInfoChange(const std::map<std::string, DeviceBasicInfo_>& previous,
+                                   const std::map<std::string, DeviceBasicInfo_>& current,
+                                   std::vector<DevicesStatusChangeInfo_>& changes);
+
+  // The detail cache (DeviceDetails.cpp): refreshed from the merged table every poll; reads of
+  // missing texts are started there and collected on later polls.
   void RefreshDeviceInfo(const std::map<std::string, DeviceBasicInfo_>& merged,
                          std::map<std::string, DeviceInfo_>& details);
-  bool GetDeviceInfo(const std::string& serial, DeviceInfo_& details);
-  std::string ConvertDeviceChangeToJson(const std::vector<DevicesStatusChangeInfo_>& changes,
-                                        const std::map<std::string, DeviceInfo_>& details,
-                                        int query_code);
+  // Reads what the record lacks of version, manufacturer and model; false when a read failed.
+  static bool GetDeviceInfo(const std::string& serial, DeviceInfo_& details);
+
+  // The report (ChangeReport.cpp).
+  static std::string ConvertDeviceChangeToJson(const std::vector<DevicesStatusChangeInfo_>& changes,
+                                               const std::map<std::string, DeviceInfo_>& details,
+                                               int query_code);
 
   // The detail cache, for tests that look at what a poll left behind (poll thread only).
   const std::map<std::string, DeviceInfo_>& DetailCache() const { return m_device_info_map; }
 
  private:
-  // Shared with the poll thread, which keeps it alive past the listener's own end.
+  // Shared with the poll thread and with whoever brings news, which may outlive the listener.
   struct PollThreadState {
     std::mutex mutex;
     std::condition_variable changed;
     bool running = false;      // a poll thread exists and has not decided to end
     bool fresh_start = false;  // a start came while it ran: forget the previous table
+    bool news = false;         // something changed since the last poll began
+    bool tracking_ended = false;
     int live_threads = 0;      // threads not yet past their last line
+    void Wake(bool ended_tracking = false);
   };
+  class AdbTracking;
 
   void RunPollThread(std::shared_ptr<PollThreadState> state);
   bool KeepPolling(std::map<std::string, DeviceBasicInfo_>& previous, int& last_query_code);
-  void PollOnce(std::map<std::string, DeviceBasicInfo_>& previous, int& last_query_code);
-  void PauseAfterPoll();
-  void AppendLateDetails(std::vector<DevicesStatusChangeInfo_>& changes) const;
+  int PollOnce(std::map<std::string, DeviceBasicInfo_>& previous, int& last_query_code);
+  void WaitForNextPoll(SteadyTime deadline);
+  void AppendLateDetails(const DeviceTable& told, std::vector<DevicesStatusChangeInfo_>& changes) const;
   void ReportChanges(const std::vector<DevicesStatusChangeInfo_>& changes, int query_code);
 
   HostCallback m_callback;
@@ -97,4 +115,7 @@ class AndListenerEx {
   std::atomic<ListenDeviceChange*> m_listen_device_change{nullptr};
   ListenerWiring m_wiring;
   std::shared_ptr<PollThreadState> m_poll_state = std::make_shared<PollThreadState>();
+  ReportHolds m_report_holds;             // poll thread only
+  SteadyTime m_next_release = SteadyTime::max();  // poll thread only: when the earliest hold runs out
+  DetailReads m_detail_reads;
 };

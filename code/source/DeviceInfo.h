@@ -83,6 +83,9 @@ struct DeviceInfo_ {
   // that answers its first reads late (it was busy, or timed out) is reported again once more of
   // them are known, so that the host learns its model without a change of status.
   int adb_texts_told = 0;
+  // A read of its details has ended (with or without all three) since it became authorised: its
+  // first report as authorised need not wait any longer.
+  bool details_read = false;
 };
 
 // One change of a device's connection status between two polls.

@@ -2,6 +2,7 @@
 // read by the poll thread.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -22,8 +23,16 @@ class ListenDeviceChange {
   void RemoveUSBDeviceInfo(const std::string& serial);
   // The table as it is now, copied under the mutex, for the poll thread to merge at leisure.
   std::map<std::string, DeviceModleInfo> CopyUSBDeviceMap();
+  // Called after every change of the table, on the thread that made it (the listener wakes its
+  // poll with it). Replaces the one set before.
+  void SetTableObserver(std::function<void()> observer);
 
  protected:
   std::mutex m_usb_device_mutex;
   std::map<std::string, DeviceModleInfo> m_usb_device_map;
+
+ private:
+  void TableChanged();
+  std::mutex m_observer_mutex;
+  std::function<void()> m_table_observer;  // guarded by m_observer_mutex
 };

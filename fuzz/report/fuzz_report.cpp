@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     device.manufacturer = pieces[i + 1];
     device.product = pieces[i + 2];
   }
-  static AndListenerEx listener(CheckReport);
+  static AndListenerEx listener(CheckReport, {nullptr, std::chrono::milliseconds(0), true});
   std::map<std::string, DeviceBasicInfo_> previous;
   int last_code = 0;
   listener.DealListenInfo(&usb, &adb, &previous, 0, &last_code);

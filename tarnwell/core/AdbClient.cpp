@@ -13,6 +13,8 @@ namespace tarnwell {
 namespace {
 
 constexpr std::uint16_t kDefaultServerPort = 5037;
+constexpr const char* kTrackDevicesLong = "host:track-devices-l";
+constexpr const char* kTrackDevices = "host:track-devices";
 // getprop prints one short line; anything past this is read and dropped.
 constexpr std::size_t kMaxPrintedBytes = 64 * 1024;
 
@@ -24,7 +26,8 @@ struct Exchange {
   Deadline request;
   HostConnection connection;
 
-  int Open(std::uint16_t port, std::string* why) {
+  int Open(std::uint16_t port, std::string* why, int wake_fd = -1) {
+    connection.SetWakeFd(wake_fd);
     Deadline connect_by =
         Deadline::Earliest(request, Deadline::AfterMs(TARNWELL_CONNECT_TIMEOUT_MS));
     return connection.Connect(port, connect_by, why);
@@ -148,6 +151,41 @@ int QueryProperty(std::uint16_t port, std::string_view serial, std::string_view 
   }
   if (result != TARNWELL_OK) return result;
   return exchange.connection.ReadToEnd(kMaxPrintedBytes, printed, exchange.request, why);
+}
+
+int OpenDeviceTracking(std::uint16_t port, int wake_fd, HostConnection* connection,
+                       std::string* service, std::string* why) {
+  int result = TARNWELL_ERR_SERVER_FAIL;
+  for (const char* name : {kTrackDevicesLong, kTrackDevices}) {
+    Exchange exchange;
+    result = exchange.Open(port, why, wake_fd);
+    if (result == TARNWELL_OK) result = exchange.Send(name, why);
+    if (result == TARNWELL_OK) result = exchange.ReadStatus(why);
+    if (result == TARNWELL_OK) {
+      *connection = std::move(exchange.connection);
+      *service = name;
+      return TARNWELL_OK;
+    }
+    // Only a refusal is worth the short form: anything else fails it the same way.
+    if (result != TARNWELL_ERR_SERVER_FAIL) return result;
+  }
+  return result;
+}
+
+int ReadTrackingFrame(HostConnection& connection, std::string* payload, std::string* why) {
+  int result = connection.AwaitInput(why);
+  if (result != TARNWELL_OK) return result;
+  // A frame that has begun must end within a request's bound.
+  Exchange frame;
+  std::string digits;
+  result = connection.ReadExact(4, &digits, frame.request, why);
+  if (result != TARNWELL_OK) return result;
+  std::size_t length = 0;
+  if (!ParseHexLength(digits, &length)) {
+    *why = "bad length field \"" + digits + "\"";
+    return TARNWELL_ERR_MALFORMED;
+  }
+  return connection.ReadExact(length, payload, frame.request, why);
 }
 
 }  // namespace tarnwell

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "HostConnection.h"
 #include "HostProtocol.h"
 
 namespace tarnwell {
@@ -33,5 +34,17 @@ int QueryDeviceList(std::uint16_t port, std::string* list_text, int* device_coun
 // server's FAIL "closed", or the stream ending before any status); the result is then OK.
 int QueryProperty(std::uint16_t port, std::string_view serial, std::string_view property,
                   std::string* printed, bool* closed_early, std::string* why);
+
+// The server's device list as a stream of frames (four hex digits of length, then the whole list
+// as "host:devices" gives it), one at once and one on every change of any device's transport:
+// "host:track-devices-l", or "host:track-devices" where the server refuses the long form. On
+// success *connection is open before the first frame and *service names the form in use. Every
+// wait, here and on the connection later, also ends when wake_fd becomes readable.
+int OpenDeviceTracking(std::uint16_t port, int wake_fd, HostConnection* connection,
+                       std::string* service, std::string* why);
+
+// The next frame's payload: waits without a time bound (until the wake descriptor) for the frame
+// to begin, then reads it whole within TARNWELL_REQUEST_TIMEOUT_MS.
+int ReadTrackingFrame(HostConnection& connection, std::string* payload, std::string* why);
 
 }  // namespace tarnwell

@@ -51,9 +51,19 @@ int HostConnection::Connect(std::uint16_t port, const Deadline& deadline, std::s
 }
 
 int HostConnection::WaitFor(short events, const Deadline& deadline, std::string* why) {
+  return PollSocket(events, &deadline, why);
+}
+
+int HostConnection::AwaitInput(std::string* why) { return PollSocket(POLLIN, nullptr, why); }
+
+int HostConnection::PollSocket(short events, const Deadline* deadline, std::string* why) {
   for (;;) {
-    pollfd entry{fd_.get(), events, 0};
-    int ready = ::poll(&entry, 1, deadline.RemainingMs());
+    pollfd entries[2] = {{fd_.get(), events, 0}, {wake_fd_, POLLIN, 0}};
+    const int ready = ::poll(entries, wake_fd_ >= 0 ? 2 : 1, deadline != nullptr ? deadline->RemainingMs() : -1);
+    if (ready > 0 && wake_fd_ >= 0 && entries[1].revents != 0) {
+      *why = "stopped";
+      return TARNWELL_ERR_IO;
+    }
     if (ready > 0) return TARNWELL_OK;
     if (ready == 0) {
       *why = "no answer in time";

@@ -17,6 +17,14 @@ class HostConnection {
   HostConnection() = default;
   HostConnection(const HostConnection&) = delete;
   HostConnection& operator=(const HostConnection&) = delete;
+  HostConnection(HostConnection&&) = default;
+  HostConnection& operator=(HostConnection&&) = default;
+
+  // Every later wait also ends, with TARNWELL_ERR_IO and "stopped", as soon as wake_fd becomes
+  // readable: a reader that may wait long (a tracking stream) can be stopped at once.
+  void SetWakeFd(int wake_fd) { wake_fd_ = wake_fd; }
+  // Waits without a time bound until input (or the end of the stream) is there to read.
+  int AwaitInput(std::string* why);
 
   int Connect(std::uint16_t port, const Deadline& deadline, std::string* why);
   int SendAll(std::string_view bytes, const Deadline& deadline, std::string* why);
@@ -32,7 +40,11 @@ class HostConnection {
   int ReadSome(char* buf, std::size_t cap, std::size_t* got, const Deadline& deadline,
                std::string* why);
 
+  // poll() on the socket and the wake descriptor, until the deadline (none: without bound).
+  int PollSocket(short events, const Deadline* deadline, std::string* why);
+
   posix::UniqueFd fd_;
+  int wake_fd_ = -1;
 };
 
 }  // namespace tarnwell

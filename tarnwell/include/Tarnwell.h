@@ -105,6 +105,33 @@ TARNWELL_API int AdbGetPhoneSoftVersion(const char* serial, char* buffer, int si
 TARNWELL_API int AdbGetPhoneManufacturer(const char* serial, char* buffer, int size, int reserved);
 TARNWELL_API int AdbGetPhoneProductModel(const char* serial, char* buffer, int size, int reserved);
 
+/* Tracking: the server pushes its device list on every change, so a client learns of a phone
+ * within milliseconds of the server instead of at its next AdbGetDevicesEx.
+ *
+ * AdbTrackDevices opens "host:track-devices-l" (or "host:track-devices" where the server refuses
+ * the long form) on a thread of its own and returns at once; it never starts a server. The
+ * callback runs on that thread:
+ *   - TARNWELL_TRACK_CHANGED (code 0) when the list differs from the one before, the first list
+ *     included (the server also sends lists that did not change; those are passed over);
+ *   - TARNWELL_TRACK_ENDED once, with the code of what ended it (TARNWELL_ERR_NO_SERVER,
+ *     TARNWELL_ERR_CLOSED when the server went away, TARNWELL_ERR_SERVER_FAIL, ...), when the
+ *     stream cannot be opened or ends. Nothing follows it; the end is logged. Start a new tracker
+ *     to go on.
+ * The callback should return quickly: the next list waits for it. *tracker receives a handle that
+ * must be given to AdbStopTrackDevices exactly once, also after TARNWELL_TRACK_ENDED.
+ * Null callback or tracker: TARNWELL_ERR_BAD_ARGUMENT; no thread: TARNWELL_ERR_IO. */
+#define TARNWELL_TRACK_CHANGED 1
+#define TARNWELL_TRACK_ENDED 2
+typedef struct TarnwellTracker TarnwellTracker;
+typedef void (*TarnwellTrackCallback)(void* context, int event, int code);
+TARNWELL_API int AdbTrackDevices(TarnwellTrackCallback callback, void* context, TarnwellTracker** tracker);
+
+/* Ends tracking at once (a read that waits for the server is cut short), waits for the tracking
+ * thread to end, and frees the handle: no callback runs after it returns. NULL is fine. Calling
+ * it from the tracker's own callback is refused with TARNWELL_ERR_BAD_ARGUMENT (it would wait for
+ * itself); stop it from another thread. */
+TARNWELL_API int AdbStopTrackDevices(TarnwellTracker* tracker);
+
 #ifdef __cplusplus
 }
 #endif

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <iterator>
 #include <map>
+#include <memory>
 #include <new>
 #include <string>
 #include <sys/stat.h>
@@ -19,8 +20,14 @@
 #include "AdbClient.h"
 #include "AdbLauncher.h"
 #include "Deadline.h"
+#include "DeviceTracker.h"
 #include "HostProtocol.h"
 #include "Quenwick.h"
+
+// What AdbTrackDevices hands out.
+struct TarnwellTracker {
+  std::unique_ptr<tarnwell::DeviceTracker> tracker;
+};
 
 namespace {
 
@@ -301,6 +308,37 @@ int SdkInit(const char* resource_dir, const char* config_dir, const char* log_di
   return TARNWELL_OK;
 }
 
+int TrackDevices(TarnwellTrackCallback callback, void* context, TarnwellTracker** tracker) {
+  static const char kFunction[] = "AdbTrackDevices";
+  if (callback == nullptr || tracker == nullptr) {
+    LogFailure(kFunction, TARNWELL_ERR_BAD_ARGUMENT, "null callback or tracker");
+    return TARNWELL_ERR_BAD_ARGUMENT;
+  }
+  std::uint16_t port = 0;
+  int result = CurrentPort(kFunction, &port);
+  if (result != TARNWELL_OK) return result;
+  auto handle = std::make_unique<TarnwellTracker>();
+  std::string why;
+  result = tarnwell::DeviceTracker::Start(
+      port,
+      [callback, context, port](tarnwell::DeviceTracker::Event event, int code, const std::string& text) {
+        if (event == tarnwell::DeviceTracker::Event::kChanged) {
+          callback(context, TARNWELL_TRACK_CHANGED, TARNWELL_OK);
+          return;
+        }
+        LogEx(kLogCategory, QUENWICK_LEVEL_WARNING, "%s: tracking on port %u ended, error %d: %s", kFunction,
+              static_cast<unsigned>(port), code, text.c_str());
+        callback(context, TARNWELL_TRACK_ENDED, code);
+      },
+      &handle->tracker, &why);
+  if (result != TARNWELL_OK) {
+    LogFailure(kFunction, result, why);
+    return result;
+  }
+  *tracker = handle.release();
+  return TARNWELL_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -340,6 +378,22 @@ int AdbGetPhoneManufacturer(const char* serial, char* buffer, int size, int /*re
 int AdbGetPhoneProductModel(const char* serial, char* buffer, int size, int /*reserved*/) {
   return Guarded("AdbGetPhoneProductModel", [&] {
     return ReadProperty("AdbGetPhoneProductModel", "ro.product.model", serial, buffer, size);
+  });
+}
+
+int AdbTrackDevices(TarnwellTrackCallback callback, void* context, TarnwellTracker** tracker) {
+  return Guarded("AdbTrackDevices", [&] { return TrackDevices(callback, context, tracker); });
+}
+
+int AdbStopTrackDevices(TarnwellTracker* tracker) {
+  return Guarded("AdbStopTrackDevices", [&] {
+    if (tracker == nullptr) return TARNWELL_OK;
+    if (tracker->tracker != nullptr && tracker->tracker->OnOwnThread()) {
+      LogFailure("AdbStopTrackDevices", TARNWELL_ERR_BAD_ARGUMENT, "called from the tracker's own callback");
+      return TARNWELL_ERR_BAD_ARGUMENT;
+    }
+    delete tracker;
+    return TARNWELL_OK;
   });
 }
 

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -206,6 +207,63 @@ TEST_F(AdbClientTest, ThreeThreadsAtOnceEachGetTheirOwnAnswers) {
   std::vector<int> failures(3, 0);
   AllAtOnce(3, [&](int t) { for (int i = 0; i < 40; ++i) failures[t] += calls[t]() ? 0 : 1; });
   EXPECT_EQ(failures, std::vector<int>(3, 0));
+}
+
+// What trackers told, in order: "changed", or "ended <code>".
+struct TrackEvents {
+  std::mutex mutex;
+  std::vector<std::string> told;
+  static void On(void* context, int event, int code) {
+    auto* self = static_cast<TrackEvents*>(context);
+    std::lock_guard<std::mutex> lock(self->mutex);
+    self->told.push_back(event == TARNWELL_TRACK_CHANGED ? "changed" : "ended " + std::to_string(code));
+  }
+  // The events once there are n of them, or after 5 s.
+  std::vector<std::string> After(size_t n) {
+    Eventually([&] { std::lock_guard<std::mutex> lock(mutex); return told.size() >= n; }, std::chrono::seconds(5));
+    std::lock_guard<std::mutex> lock(mutex);
+    return told;
+  }
+};
+
+// Each case starts a tracker, does what it says to the server, and stops the tracker: a stop must
+// return at once whatever the tracker waits for (Silent: the server never answers the request).
+TEST_F(AdbClientTest, TrackingTellsEachChangeOnceFallsBackAndEndsWithTheStream) {
+  const std::vector<sim_adb::Device> one = {{"R58M", "device", {}}};
+  const std::vector<sim_adb::Device> two = {{"R58M", "device", {}}, {"NEW", "unauthorized", {}}};
+  struct Case {
+    const char* refuse;  // a service prefix the server answers with `reaction`; "": none
+    Reaction reaction;
+    std::function<void(sim_adb::SimAdbServer&)> then;
+    std::vector<std::string> told;
+  };
+  const std::vector<Case> cases = {
+      // A repeated list is no change; a closed stream ends tracking.
+      {"", Reaction::Answer(), [&](auto& s) { s.SetDevices(one); s.SetDevices(one); s.SetDevices(two); s.EndTracking(); },
+       {"changed", "changed", "changed", "ended " + std::to_string(TARNWELL_ERR_CLOSED)}},
+      // A server that refuses the long form is asked for the short one.
+      {"host:track-devices-l", Reaction::Fail("unknown host service"), [&](auto& s) { s.SetDevices(two); },
+       {"changed", "changed"}},
+      {"host:track-devices", Reaction::Fail("no"), nullptr, {"ended " + std::to_string(TARNWELL_ERR_SERVER_FAIL)}},
+      {"host:track-devices", Reaction::Silent(), nullptr, {}},
+      {"", Reaction::Answer(), [](auto& s) { s.Stop(); }, {"changed", "ended " + std::to_string(TARNWELL_ERR_CLOSED)}},
+  };
+  for (const Case& c : cases) {
+    sim_adb::SimAdbServer server;
+    UsePort(server.port());
+    if (*c.refuse != '\0') server.React(c.refuse, c.reaction);
+    TrackEvents events;
+    TarnwellTracker* tracker = nullptr;
+    ASSERT_EQ(TARNWELL_OK, AdbTrackDevices(&TrackEvents::On, &events, &tracker));
+    if (c.then) {
+      ASSERT_EQ(std::vector<std::string>{"changed"}, events.After(1)) << c.refuse;
+      c.then(server);
+    }
+    EXPECT_EQ(c.told, events.After(c.told.size())) << c.refuse;
+    EXPECT_EQ(TARNWELL_OK, AdbStopTrackDevices(tracker));
+  }
+  EXPECT_EQ(TARNWELL_ERR_BAD_ARGUMENT, AdbTrackDevices(nullptr, nullptr, nullptr));
+  EXPECT_EQ(3, Times("AdbTrackDevices: tracking on port")) << LogText();
 }
 
 // A stand-in adb in a folder of its own: notes its arguments in "calls", says and exits as told.

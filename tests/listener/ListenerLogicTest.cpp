@@ -2,9 +2,12 @@
 // the report and its texts, the detail lookups), ADB's list text, and the poll thread over time.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
+#include <set>
 
 #include "AndListenerEx.h"
+#include "Tarnwell.h"
 #include "Common.h"
 #include "FakeTarnwell.h"
 #include "ListenerTestSupport.h"
@@ -27,7 +30,7 @@ class Listener : public ListenerTest {
     fake_adb::Reset();
     log_capture::Clear();
     answers_ = {{kVersion, {0, "14"}}, {kManufacturer, {0, "Google"}}, {kModel, {0, "Pixel 8"}}};
-    listener_.emplace(reports::Collect);
+    listener_.emplace(reports::Collect, ListenerWiring{&watcher_, 0ms, true});
     previous_.clear();
     last_code_ = 0;
     fake_adb::Script script;
@@ -193,6 +196,65 @@ TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
   }
 }
 
+// The merge step alone, poll after poll at given times: a USB device with adb's interface waits
+// for the ADB server to list it, a phone that has just become authorised for its details, each up
+// to its bound; everything else is told at once.
+TEST(DeviceTableSteps, HeldDevicesWaitForTheirNewsOrTheirBoundAndHoldUpNoOther) {
+  struct Poll {
+    int at_ms;
+    std::vector<DeviceModleInfo> usb;
+    std::optional<AdbList> adb;  // none: the query failed
+    std::set<std::string> ready;  // phones whose details are in
+    Strings changes;
+  };
+  const auto debug = UsbDevice("p", 6353, 1, "", "", true);  // declares adb's interface
+  const auto plain = UsbDevice("p", 6353, 1);
+  const auto other = UsbDevice("q", 6353, 2);
+  const AdbList authorised = {{"p", DeviceAuthored}};
+  const int adb_wait = static_cast<int>(kAdbListingWait.count());
+  const int details_wait = static_cast<int>(kDetailsWait.count());
+  const std::vector<std::vector<Poll>> scenarios = {
+      {{0, {debug}, AdbList{}, {}, {}}, {adb_wait - 1, {debug, other}, AdbList{}, {}, {"q:NotConnect->MtpConnect"}},
+       {adb_wait - 1, {debug, other}, AdbList{{"p", DeviceUnauthored}}, {}, {"p:NotConnect->UnauthoredConnect"}}},
+      {{0, {debug}, AdbList{}, {}, {}}, {adb_wait, {debug}, AdbList{}, {}, {"p:NotConnect->MtpConnect"}}},
+      // Without adb's interface, or without a server to ask, nothing is awaited.
+      {{0, {plain}, AdbList{}, {}, {"p:NotConnect->MtpConnect"}}},
+      {{0, {debug}, std::nullopt, {}, {"p:NotConnect->MtpConnect#"}}},
+      // Authorised: held until the details are in, or until the bound; at the status the host knows.
+      {{0, {plain}, authorised, {}, {}}, {5, {plain}, authorised, {"p"}, {"p:NotConnect->AuthoredConnect"}}},
+      {{0, {plain}, AdbList{}, {}, {"p:NotConnect->MtpConnect"}}, {10, {plain}, authorised, {}, {}},
+       {10 + details_wait - 1, {plain, other}, authorised, {}, {"q:NotConnect->MtpConnect"}},
+       {10 + details_wait, {plain, other}, authorised, {}, {"p:MtpConnect->AuthoredConnect"}}},
+      // One wait after the other: the details' bound starts when ADB has listed the phone.
+      {{0, {debug}, AdbList{}, {}, {}}, {adb_wait - 1, {debug}, authorised, {}, {}},
+       {adb_wait - 1 + details_wait, {debug}, authorised, {}, {"p:NotConnect->AuthoredConnect"}}},
+      // A device that leaves while held was never told of.
+      {{0, {plain}, authorised, {}, {}}, {1, {}, AdbList{}, {}, {}}},
+  };
+  for (size_t s = 0; s < scenarios.size(); ++s) {
+    DeviceTable previous;
+    ReportHolds holds;
+    const SteadyTime start = SteadyTime{} + std::chrono::hours(1);
+    for (const Poll& poll : scenarios[s]) {
+      UsbView usb;
+      for (const DeviceModleInfo& device : poll.usb) usb[device.serial] = device;
+      AdbView adb;
+      for (const auto& [serial, status] : poll.adb.value_or(AdbList{})) adb[serial] = {status, serial};
+      const PollViews views{&usb, poll.adb ? &adb : nullptr, &poll.ready, start + std::chrono::milliseconds(poll.at_ms)};
+      DeviceTable merged;
+      AndListenerEx::GetAssembleBasicInfo(&usb, views.adb, merged);
+      DeviceTableStep step = StepDeviceTable(previous, merged, views, holds);
+      Strings got;
+      for (const DevicesStatusChangeInfo_& c : step.changes) {
+        got.push_back(c.key_serial + ":" + DeviceStatusName(c.old_status) + "->" + DeviceStatusName(c.new_status) +
+                      (poll.adb ? "" : "#"));
+      }
+      EXPECT_EQ(poll.changes, got) << "scenario " << s << " at " << poll.at_ms << " ms";
+      previous = std::move(step.told);
+    }
+  }
+}
+
 TEST_F(Listener, TheWholeReportTextIsExactlyAsTheHostReadsIt) {
   // ADB's letter case is the actual serial; details are fetched before the report.
   const Strings reports =
@@ -262,51 +324,59 @@ TEST_F(Listener, TheFilterListsCanBeReloadedWhileThePollThreadReadsThem) {
   }
 }
 
-TEST_F(Listener, EveryStartReportsEveryDeviceAgainOnOneThreadAndAStopLetsThePollFinish) {
+// The poll thread, with a pause so long that only news makes it poll: the USB table, ADB's own
+// tracking, a phone's details coming in, a start; a stop ends it at once.
+TEST_F(Listener, NewsWakesThePollEveryStartReportsEveryDeviceAgainAndAStopEndsItAtOnce) {
   fake_adb::SetList("A-device;B-unauthorized;");
   const Strings all = {"a:NotConnect->AuthoredConnect", "b:NotConnect->UnauthoredConnect"};
-  listener_.emplace(reports::Collect, ListenerWiring{&watcher_, 300ms});
+  listener_.emplace(reports::Collect, ListenerWiring{&watcher_, 60s});
   ASSERT_EQ(0, listener_->StartListen());
-  EXPECT_EQ(all, Next());
-  // A second start, then a stop and a start within the pause: the same thread goes on, and
-  // each start is answered by a fresh report of every device.
+  // The authorised phone waits for its details, read off the poll thread; the other does not.
+  EXPECT_EQ(Strings{"b:NotConnect->UnauthoredConnect"}, Next());
+  EXPECT_EQ(Strings{"a:NotConnect->AuthoredConnect"}, Next());
+  // A second start, and a stop and a start: every device is reported again.
   ASSERT_EQ(0, listener_->StartListen());
   EXPECT_EQ(all, Next());
   listener_->StopListen();
   ASSERT_EQ(0, listener_->StartListen());
   EXPECT_EQ(all, Next());
-  EXPECT_EQ(1, log_capture::CountContaining("Enter ListenThread"));
-  EXPECT_EQ(0, log_capture::CountContaining("Exit ListenThread"));
 
-  listener_->StopListen();
-  ASSERT_TRUE(WaitForLine("Exit ListenThread", 1));
-  ASSERT_EQ(0, listener_->StartListen());
-  EXPECT_EQ(all, Next());
-  EXPECT_EQ(2, log_capture::CountContaining("Enter ListenThread"));
-  EXPECT_EQ(4, watcher_.starts) << "every start asks the watcher to start";
-  // A failing query (as when the ADB server is killed) is logged on every poll and reported once.
+  watcher_.Plug(UsbDevice("u1", 6353, 1));
+  EXPECT_EQ(Strings{"u1:NotConnect->MtpConnect"}, Next());
+  fake_adb::SetList("A-device;B-device;");
+  ASSERT_TRUE(fake_adb::Track(TARNWELL_TRACK_CHANGED));
+  EXPECT_EQ(Strings{"b:UnauthoredConnect->AuthoredConnect"}, Next());
+  // The server goes away: its stream's end wakes the poll, whose failure is reported and logged.
   fake_adb::SetList("", 103);
-  EXPECT_EQ((Strings{"a:AuthoredConnect->NotConnect#103", "b:UnauthoredConnect->NotConnect#103"}), Next());
-  EXPECT_TRUE(WaitForLine("[ListenThread] fail to GetDevicesAuthorStatus(), error 103!", 3));
-  EXPECT_EQ(5u, reports::All().size());
-
-  // A stop during a poll lets that poll finish its report.
-  std::mutex gate;
-  gate.lock();
+  ASSERT_TRUE(fake_adb::Track(TARNWELL_TRACK_ENDED, TARNWELL_ERR_CLOSED));
+  EXPECT_EQ((Strings{"a:AuthoredConnect->NotConnect#103", "b:AuthoredConnect->NotConnect#103"}), Next());
+  EXPECT_EQ(1, log_capture::CountContaining("fail to GetDevicesAuthorStatus(), error 103!"));
+  // Tracking is tried again after a poll that reaches the server, at most once per pause.
+  std::this_thread::sleep_for(kTrackingRetryPause);
   fake_adb::Reset();
   fake_adb::Script script;
   script.list = "SLOW-device;";
+  std::mutex gate;
+  gate.lock();
   script.property = [&gate](const std::string&, const std::string&, std::string*) {
-    std::lock_guard<std::mutex> held(gate);  // the poll waits here until the test lets it go
+    std::lock_guard<std::mutex> held(gate);  // the read waits here until the test lets it go
     return 0;
   };
   fake_adb::SetScript(script);
+  watcher_.Plug(UsbDevice("u2", 6353, 2));
+  EXPECT_EQ(Strings{"u2:NotConnect->MtpConnect"}, Next());
+  const Strings calls = fake_adb::Calls();
+  EXPECT_EQ(1, std::count(calls.begin(), calls.end(), "AdbTrackDevices"));
+  // A phone whose read hangs holds up no other report, nor the stop.
   ASSERT_TRUE(Eventually([] { return Asked() != "0/0/0"; }));
+  watcher_.Plug(UsbDevice("u3", 6353, 3));
+  EXPECT_EQ(Strings{"u3:NotConnect->MtpConnect"}, Next());
   listener_->StopListen();
+  EXPECT_TRUE(WaitForLine("Exit ListenThread", 1));
   gate.unlock();
-  EXPECT_EQ((Strings{"slow:NotConnect->AuthoredConnect"}), Next());
-  ASSERT_TRUE(WaitForLine("Exit ListenThread", 2));
-  EXPECT_EQ(6u, reports::All().size());
+  listener_.reset();
+  EXPECT_EQ(9u, reports::All().size()) << "none after the stop";
+  EXPECT_EQ(3, watcher_.starts) << "every start asks the watcher to start";
 }
 
 }  // namespace

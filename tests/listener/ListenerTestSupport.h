@@ -33,8 +33,9 @@ class TableWatcher : public ListenDeviceChange {
 };
 
 inline DeviceModleInfo UsbDevice(const std::string& serial, uint16_t vid, uint16_t pid,
-                                 const std::string& manufacturer = "", const std::string& product = "") {
-  return {serial, vid, pid, product, manufacturer, "", ""};
+                                 const std::string& manufacturer = "", const std::string& product = "",
+                                 bool adb_interface = false) {
+  return {serial, vid, pid, product, manufacturer, adb_interface, "", ""};
 }
 
 // The host callback: keeps every report it is given, in order.

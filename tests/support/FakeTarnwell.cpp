@@ -11,6 +11,8 @@ namespace {
 std::mutex g_mutex;
 fake_adb::Script g_script;
 std::vector<std::string> g_calls;
+TarnwellTrackCallback g_track_callback = nullptr;
+void* g_track_context = nullptr;
 
 fake_adb::Script Record(const std::string& call) {
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -56,6 +58,13 @@ void Reset() {
   g_calls.clear();
 }
 
+bool Track(int event, int code) {
+  std::lock_guard<std::mutex> lock(g_mutex);  // held, so that a stop waits for the call as the real one does
+  if (g_track_callback == nullptr) return false;
+  g_track_callback(g_track_context, event, code);
+  return true;
+}
+
 std::vector<std::string> Calls() {
   std::lock_guard<std::mutex> lock(g_mutex);
   return g_calls;
@@ -97,4 +106,21 @@ extern "C" int AdbGetPhoneManufacturer(const char* serial, char* buffer, int siz
 
 extern "C" int AdbGetPhoneProductModel(const char* serial, char* buffer, int size, int) {
   return ReadProperty("AdbGetPhoneProductModel", "ro.product.model", serial, buffer, size);
+}
+
+extern "C" int AdbTrackDevices(TarnwellTrackCallback callback, void* context, TarnwellTracker** tracker) {
+  const int code = Answer("AdbTrackDevices");
+  if (code != 0) return code;
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_track_callback = callback;
+  g_track_context = context;
+  *tracker = reinterpret_cast<TarnwellTracker*>(&g_track_callback);
+  return 0;
+}
+
+extern "C" int AdbStopTrackDevices(TarnwellTracker* tracker) {
+  Record("AdbStopTrackDevices");
+  std::lock_guard<std::mutex> lock(g_mutex);
+  if (tracker != nullptr) g_track_callback = nullptr;
+  return 0;
 }

@@ -25,6 +25,10 @@ void SetScript(Script script);
 void SetList(const std::string& list, int code = 0);  // the rest of the script stays
 void Reset();  // no script, no recorded calls
 
+// Calls the callback of the tracker that AdbTrackDevices handed out last, if it is not stopped;
+// false when there is none. AdbTrackDevices answers Script::codes["AdbTrackDevices"] (0).
+bool Track(int event, int code = 0);
+
 // Every call, in order, as "Function" or "Function:serial" (property reads),
 // "AdbStartDaemon:flag,reserved" or "AdbSdkInit:resource,config,log".
 std::vector<std::string> Calls();

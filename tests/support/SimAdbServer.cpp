@@ -43,7 +43,9 @@ struct SimAdbServer::Connection {
     return true;
   }
   // A blocking socket takes a whole reply in one call; a peer that left gets nothing.
-  void Send(const std::string& bytes) const { posix::SendNoSignal(fd.get(), bytes.data(), bytes.size()); }
+  bool Send(const std::string& bytes) const {
+    return posix::SendNoSignal(fd.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+  }
 };
 
 SimAdbServer::SimAdbServer() {
@@ -73,6 +75,8 @@ bool SimAdbServer::Listen(std::uint16_t port) {
 
 void SimAdbServer::Stop() {
   if (listener_ == nullptr) return;
+  Locked([&] { stopping_ = true; });
+  tracking_.notify_all();
   listener_->Wake();
   acceptor_.join();
   // The acceptor is gone, so nothing else touches workers_ now.
@@ -110,9 +114,10 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
   if (service == "host:version") {
     connection.Send("OKAY00040029");
   } else if (service == "host:devices") {
-    std::string payload;
-    Locked([&] { for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n"; });
+    const std::string payload = Locked([&] { return ListPayload(); });
     connection.Send("OKAY" + Hex4(payload.size()) + payload);
+  } else if (service == "host:track-devices" || service == "host:track-devices-l") {
+    Track(connection);
   } else if (service.rfind(transport, 0) == 0) {
     const std::string serial = service.substr(transport.size());
     std::optional<Device> device;
@@ -133,6 +138,29 @@ bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
     connection.Send(Reaction::Fail("unknown host service").text);
   }
   return false;
+}
+
+std::string SimAdbServer::ListPayload() const {
+  std::string payload;
+  for (const auto& d : devices_) payload += d.serial + "\t" + d.state + "\n";
+  return payload;
+}
+
+// The list now and after every SetDevices, each in a frame of its own, until EndTracking, Stop, or
+// a peer that has gone.
+void SimAdbServer::Track(Connection& connection) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  const int epoch = tracking_epoch_;
+  std::string frames = "OKAY" + Hex4(ListPayload().size()) + ListPayload();
+  for (size_t sent = lists_.size();; sent = lists_.size()) {
+    lock.unlock();
+    if (!connection.Send(frames)) return;
+    lock.lock();
+    tracking_.wait(lock, [&] { return lists_.size() != sent || tracking_epoch_ != epoch || stopping_; });
+    frames.clear();
+    for (size_t i = sent; i < lists_.size(); ++i) frames += Hex4(lists_[i].size()) + lists_[i];
+    if (frames.empty()) return;  // ended or stopped, with nothing left to send
+  }
 }
 
 }  // namespace sim_adb

@@ -1,10 +1,12 @@
 // A simulated ADB server on a loopback port with scripted answers: fast, deterministic tests of
 // every path of an ADB client. By default it answers as adb does: "host:version" (0x29),
 // "host:devices" (the devices set), "host:transport:<serial>" (OKAY for a "device", adb's FAIL
-// otherwise), then "shell:getprop <name>" (the value and "\n"). React() overrides that for
-// services that start with a given prefix.
+// otherwise), then "shell:getprop <name>" (the value and "\n"), and "host:track-devices[-l]" (the
+// list at once and again on every SetDevices, as adb sends it on every transport event, changed or
+// not). React() overrides that for services that start with a given prefix.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -55,7 +57,15 @@ class SimAdbServer {
   // thread; everything else may be called from any thread.
   void Stop();
 
-  void SetDevices(std::vector<Device> devices) { Locked([&] { devices_ = std::move(devices); }); }
+  void SetDevices(std::vector<Device> devices) {
+    Locked([&] { devices_ = std::move(devices); lists_.push_back(ListPayload()); });
+    tracking_.notify_all();
+  }
+  // Closes every tracking stream, as a server that goes away does; other requests are answered.
+  void EndTracking() {
+    Locked([&] { ++tracking_epoch_; });
+    tracking_.notify_all();
+  }
   void React(const std::string& service_prefix, Reaction reaction) {
     Locked([&] { reactions_.emplace_back(service_prefix, std::move(reaction)); });
   }
@@ -76,12 +86,18 @@ class SimAdbServer {
   void Serve(Connection& connection);
   // Returns false when the connection is finished.
   bool Handle(Connection& connection, const std::string& service);
+  std::string ListPayload() const;  // under mutex_
+  void Track(Connection& connection);
 
   mutable std::mutex mutex_;
   std::vector<Device> devices_;
   std::vector<std::pair<std::string, Reaction>> reactions_;
   int requests_ = 0;
   bool keep_requests_ = true;
+  std::vector<std::string> lists_;  // the payload after each SetDevices, for the tracking streams
+  int tracking_epoch_ = 0;  // EndTracking calls
+  bool stopping_ = false;
+  std::condition_variable tracking_;
 
   // Touched by the controlling thread only (workers_ also by the acceptor, under mutex_).
   std::uint16_t port_ = 0;
