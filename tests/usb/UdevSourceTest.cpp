@@ -117,13 +117,13 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
     };
   };
   const std::nullopt_t none = std::nullopt;
-  const std::string grin = "\xF0\x9F\x98\x80";  // U+1F600, a pair in UTF-16
+  const std::string cjk = "\xE4\xB8\xAD \xF0\x9F\x98\x80";  // U+4E2D, then U+1F600: a pair in UTF-16
   const struct {
     SimulatedUsbDevice device;
     std::string manufacturer, product;
     int transfers;
   } cases[] = {
-      {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD " + grin, 1)), "Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD " + grin, 0},
+      {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", cjk, 1)), "Soci\xC3\xA9t\xC3\xA9", cjk, 0},
       {Phone(10, "half", with("Acme", none, 1, Strings{}, EPERM)), "Acme", "", 1},
       {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "", "Node", 1},
       {Phone(14, "stalls", with(none, none, 1, Strings{{1, u"Only"}})), "Only", "", 2},

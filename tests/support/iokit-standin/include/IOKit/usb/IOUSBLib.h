@@ -42,9 +42,8 @@ typedef struct IOUSBDeviceStruct942 {
   void *CreateDeviceAsyncEventSource, *GetDeviceAsyncEventSource, *CreateDeviceAsyncPort, *GetDeviceAsyncPort;
   IOReturn (*USBDeviceOpen)(void* self);
   IOReturn (*USBDeviceClose)(void* self);
-  IOReturn (*GetDeviceClass)(void* self, UInt8* devClass);
-  IOReturn (*GetDeviceSubClass)(void* self, UInt8* devSubClass);
-  IOReturn (*GetDeviceProtocol)(void* self, UInt8* devProtocol);
+  IOReturn (*GetDeviceClass)(void* self, UInt8* devClass), (*GetDeviceSubClass)(void* self, UInt8* devSubClass),
+      (*GetDeviceProtocol)(void* self, UInt8* devProtocol);
   IOReturn (*GetDeviceVendor)(void* self, UInt16* devVendor);
   IOReturn (*GetDeviceProduct)(void* self, UInt16* devProduct);
   void *GetDeviceReleaseNumber, *GetDeviceAddress, *GetDeviceBusPowerAvailable, *GetDeviceSpeed;
