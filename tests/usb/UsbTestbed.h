@@ -24,8 +24,7 @@ struct SimulatedUsbDevice {
   // configuration with these interfaces (class, subclass, protocol), if any.
   std::optional<std::vector<unsigned char>> descriptors;
   std::vector<std::array<uint8_t, 3>> interfaces;
-  // With a device node: string descriptors by index, as UTF-16 code units. An index without an
-  // entry stalls.
+  // With a device node: string descriptors by index, as UTF-16 code units; any other index stalls.
   bool has_node = false;
   std::map<uint8_t, std::u16string> strings;
   int fail_with_errno = 0;  // every control transfer fails with this, when not 0

@@ -30,8 +30,7 @@ struct Device {
   uint8_t manufacturer_index = 1, product_index = 2;
   UsbClassCodes device_class = {};
   std::map<uint8_t, StringAnswer> strings = {};   // an index not here stalls
-  // The registry's decoded strings, "USB Vendor Name" and "USB Product Name"; absent unless set.
-  std::optional<std::string> vendor_name = std::nullopt, product_name = std::nullopt;
+  std::optional<std::string> vendor_name = std::nullopt, product_name = std::nullopt;  // "USB Vendor Name" ...
   std::vector<unsigned char> configuration = {};  // its one configuration descriptor; none if empty
   int plugin_result = 0;
   bool plugin_missing = false;  // the plug-in call succeeds without a plug-in

@@ -7,9 +7,8 @@ import subprocess
 import sys
 import time
 
-# Kills the server on port $2 with adb $1 once stdin ends (at kill(), or when the test dies), three times a
-# second apart for one still starting, from a background shell in a session of its own that nothing killing
-# the test reaches: the C++ tests' PrivateAdbServer does the same.
+# Kills the server on port $2 with adb $1 once stdin ends (kill(), or the test's death), thrice for one still
+# starting, from a shell in a session of its own that nothing killing the test reaches (as PrivateAdbServer).
 WATCHDOG = ("exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-;"
             " for try in 1 2 3; do \"$1\" -P \"$2\" kill-server; sleep 1; done ) </dev/null >/dev/null 2>&1 &")
 
