@@ -1,6 +1,6 @@
 # cmake --install: the three shared libraries with their headers, a CMake package
 # (find_package(Pelmora) -> Pelmora::Pelmora), a pkg-config file, the monitor (installed by its
-# own folder), the default configuration and a udev rules example.
+# own folder), the default configuration, the tools' manual pages and the udev rules.
 include(CMakePackageConfigHelpers)
 
 set(PELMORA_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Pelmora)
@@ -45,6 +45,12 @@ file(CONFIGURE OUTPUT ${udev_rules} CONTENT "${rules_text}" @ONLY)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/config/AndroidPIDWhite.ini ${PROJECT_SOURCE_DIR}/packaging/udev-rules-head.txt)
 install(FILES ${udev_rules} DESTINATION ${PELMORA_INSTALL_SHAREDIR}/udev)
+
+# The tools' manual pages, with this release's version.
+foreach(tool pelmora-monitor pelmora-sim-phone)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/man/${tool}.1.in ${PROJECT_BINARY_DIR}/packaging/${tool}.1 @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/packaging/${tool}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endforeach()
 
 if(NOT TARGET Pelmora OR NOT TARGET Quenwick OR NOT TARGET Tarnwell)
   return()

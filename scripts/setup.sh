@@ -23,6 +23,8 @@ packages=(
   adb python3 procps
   usb.ids
   python3-pytest
+  # scripts/package.sh: the Debian packages, lintian, the wheel; and the check of them installed
+  debhelper dpkg-dev lintian man-db python3-pip python3-setuptools python3-wheel python3-venv
 )
 
 missing=()

@@ -20,10 +20,18 @@ export interface Change {
   adb_error_code: number;
 }
 
-/** A non-zero code of libPelmora (or, from startAdbServer, of libTarnwell). */
+/** Every error the binding throws: a non-zero code of libPelmora (or, from startAdbServer, of
+ *  libTarnwell), or of the binding itself (201: libPelmora cannot be loaded, the message names
+ *  every place tried; 202: already listening), with its name and meaning from the table of codes. */
 export class PelmoraError extends Error {
   readonly code: number;
+  /** e.g. 'TARNWELL_ERR_NO_ADB'; '' for a code the table does not know */
+  readonly codeName: string;
+  readonly meaning: string;
 }
+
+/** The table of codes: code -> its name and meaning. */
+export const codes: Readonly<Record<number, { readonly name: string; readonly meaning: string }>>;
 
 export interface Folders {
   /** holds the four .ini files */
@@ -34,9 +42,9 @@ export interface Folders {
   logDir: string;
 }
 
-/** Loads libPelmora ($PELMORA_LIBRARY, else pkg-config's libdir, else the loader's search path)
- *  and initialises it. Throws PelmoraError (1: a folder is empty; 2: iManufactureAndiProduct.ini
- *  cannot be read). */
+/** Loads libPelmora ($PELMORA_LIBRARY when set; else this checkout's build/code, the loader's
+ *  search path, pkg-config's libdir) and initialises it. Throws PelmoraError (1: a folder is
+ *  empty; 2: iManufactureAndiProduct.ini cannot be read; 201: no libPelmora found). */
 export function init(folders: Folders): void;
 
 /** Makes sure an ADB server answers, starting one if need be (killed: start it anew), off the
@@ -61,5 +69,5 @@ export class Listener extends EventEmitter {
   once(event: 'error', listener: (error: Error) => void): this;
 }
 
-/** The path libPelmora was loaded from; null before the first init(). */
-export const libraryPath: string | null;
+/** The path libPelmora was loaded from, loading it now if need be. */
+export function libraryPath(): string;

@@ -3,53 +3,89 @@
 
 const { execFileSync } = require('node:child_process');
 const { EventEmitter } = require('node:events');
+const fs = require('node:fs');
 const path = require('node:path');
 
 const native = require('./build/pelmora.node');
 
-const LIBRARY_NAMES = process.platform === 'darwin'
-  ? ['libPelmora.2.dylib', 'libPelmora.dylib']
-  : ['libPelmora.so.2', 'libPelmora.so'];
+const SONAME = process.platform === 'darwin' ? 'libPelmora.2.dylib' : 'libPelmora.so.2';
 const PKG_CONFIG_TIMEOUT_MS = 5000;
+// Loaded from a checkout, the binding finds the checkout's build.
+const CHECKOUT = path.resolve(__dirname, '..', '..');
+const IN_CHECKOUT = fs.existsSync(path.join(CHECKOUT, 'code', 'include', 'Pelmora.h'));
+const NO_LIBRARY = 201;
+const ALREADY_LISTENING = 202;
 
-// The library's own codes (Pelmora.h); StartAdbServer passes libTarnwell's codes on unchanged.
-const MESSAGES = {
-  1: 'a folder argument is missing or empty',
-  2: 'iManufactureAndiProduct.ini cannot be read from the configuration folder',
-  4: 'the USB watcher could not be set up',
-  5: 'the callback was refused',
-  6: 'the poll thread could not be created',
-  7: 'an unexpected failure inside libPelmora (see Pelmora.log)',
-};
+// Every code of libPelmora, libTarnwell and the bindings: code -> { name, meaning }, from the one
+// table of codes (in a checkout, codes.json here is a link to common/codes.json).
+function loadCodes() {
+  try {
+    const table = JSON.parse(fs.readFileSync(path.join(__dirname, 'codes.json'), 'utf8'));
+    return Object.fromEntries(table.codes.map((c) => [c.code, { name: c.name, meaning: c.meaning }]));
+  } catch {
+    return {}; // a package shipped without it: errors still carry their codes
+  }
+}
+const codes = loadCodes();
 
 class PelmoraError extends Error {
-  constructor(code, operation) {
-    super(`${operation} failed with code ${code}: ${MESSAGES[code] || 'see Pelmora.log'}`);
+  constructor(code, operation, detail = '') {
+    const { name = '', meaning = 'an unknown code' } = codes[code] || {};
+    super(`${operation} failed with code ${code}${name ? ` (${name})` : ''}: ${meaning}${detail}`);
     this.name = 'PelmoraError';
     this.code = code;
+    this.codeName = name;
+    this.meaning = meaning;
   }
 }
 
-// Where libPelmora is looked for, in order: $PELMORA_LIBRARY alone when set; else the libdir
-// of an installed Pelmora (pkg-config), then the loader's own search path.
-function libraryCandidates() {
-  if (process.env.PELMORA_LIBRARY) return [process.env.PELMORA_LIBRARY];
-  const candidates = [];
+function pkgConfigLibdir() {
   try {
-    const libdir = execFileSync('pkg-config', ['--variable=libdir', 'pelmora'], {
+    return execFileSync('pkg-config', ['--variable=libdir', 'pelmora'], {
       encoding: 'utf8', timeout: PKG_CONFIG_TIMEOUT_MS, stdio: ['ignore', 'pipe', 'ignore'],
-    }).trim();
-    if (libdir) candidates.push(...LIBRARY_NAMES.map((name) => path.join(libdir, name)));
+    }).trim() || null;
   } catch {
-    // no pkg-config, or no installed Pelmora: the loader's search path remains
+    return null; // no pkg-config, or no installed Pelmora
   }
-  return candidates.concat(LIBRARY_NAMES);
 }
 
-let libraryPath = null;
+// Where libPelmora is looked for, in order, as [place, path or null]: $PELMORA_LIBRARY alone when
+// set (a library named on purpose is never swapped for another); else this checkout's build, the
+// loader's search path, an installed Pelmora's libdir. pkg-config runs only when it comes to it.
+function* libraryCandidates() {
+  if (process.env.PELMORA_LIBRARY) {
+    yield ['PELMORA_LIBRARY', process.env.PELMORA_LIBRARY];
+    return;
+  }
+  if (IN_CHECKOUT) yield ["this checkout's build", path.join(CHECKOUT, 'build', 'code', SONAME)];
+  yield ["the loader's search path", SONAME];
+  const libdir = pkgConfigLibdir();
+  yield ['pkg-config pelmora', libdir && path.join(libdir, SONAME)];
+}
+
+let loadedPath = null;
 function library() {
-  if (libraryPath === null) libraryPath = native.load(libraryCandidates());
-  return native;
+  if (loadedPath !== null) return native;
+  const tried = [];
+  for (const [place, candidate] of libraryCandidates()) {
+    if (!candidate) {
+      tried.push(`${place}: no installed Pelmora`);
+      continue;
+    }
+    try {
+      loadedPath = native.load(candidate);
+      return native;
+    } catch (e) {
+      tried.push(`${place}: ${e.message}`);
+    }
+  }
+  throw new PelmoraError(NO_LIBRARY, 'loading libPelmora', `; tried:\n  ${tried.join('\n  ')}`);
+}
+
+// The path libPelmora was loaded from, loading it now if need be.
+function libraryPath() {
+  library();
+  return loadedPath;
 }
 
 function check(code, operation) {
@@ -103,13 +139,14 @@ class Listener extends EventEmitter {
 }
 
 function listen() {
-  if (active !== null) throw new Error('pelmora: already listening; stop() the active listener first');
+  if (active !== null) throw new PelmoraError(ALREADY_LISTENING, 'listen');
   const listener = new Listener();
   active = listener;
   return listener;
 }
 
+// Plain names only, so that Node's reading of CommonJS exports gives ESM importers each of them:
+// import { listen } from 'pelmora'.
 module.exports = {
-  init, startAdbServer, listen, Listener, PelmoraError,
-  get libraryPath() { return libraryPath; },
+  init, startAdbServer, listen, libraryPath, Listener, PelmoraError, codes,
 };

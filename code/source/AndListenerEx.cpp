@@ -15,10 +15,11 @@
 #include "Quenwick.h"
 #include "Tarnwell.h"
 
-void AndListenerEx::PollThreadState::Wake(bool ended_tracking) {
+void AndListenerEx::PollThreadState::Wake(News what) {
   std::lock_guard<std::mutex> lock(mutex);
+  news_whole = (news ? news_whole : true) && what != News::kMayComeInBursts;
   news = true;
-  tracking_ended = tracking_ended || ended_tracking;
+  tracking_ended = tracking_ended || what == News::kTrackingEnded;
   changed.notify_all();
 }
 
@@ -61,7 +62,8 @@ class AndListenerEx::AdbTracking {
 
  private:
   static void OnEvent(void* context, int event, int /*code*/) {
-    static_cast<PollThreadState*>(context)->Wake(event == TARNWELL_TRACK_ENDED);
+    static_cast<PollThreadState*>(context)->Wake(event == TARNWELL_TRACK_ENDED ? PollThreadState::News::kTrackingEnded
+                                                                                : PollThreadState::News::kMayComeInBursts);
   }
 
   std::shared_ptr<PollThreadState> state_;
@@ -74,7 +76,8 @@ AndListenerEx::AndListenerEx(HostCallback callback, ListenerWiring wiring)
     : m_callback(callback),
       m_stop_listen(false),
       m_wiring(wiring),
-      m_detail_reads([state = m_poll_state] { state->Wake(); }, wiring.poll_pause, wiring.inline_detail_reads) {}
+      m_detail_reads([state = m_poll_state] { state->Wake(PollThreadState::News::kWhole); }, wiring.poll_pause,
+                     wiring.inline_detail_reads) {}
 
 AndListenerEx::~AndListenerEx() {
   StopListen();
@@ -83,12 +86,13 @@ AndListenerEx::~AndListenerEx() {
 }
 
 int AndListenerEx::StartListen() {
-  std::lock_guard<std::mutex> lock(m_poll_state->mutex);
-  m_stop_listen = false;
   ListenDeviceChange* watcher =
       m_wiring.usb_watcher != nullptr ? m_wiring.usb_watcher : GetListenDeviceChangeMacInstance();
+  // Not under the state's lock, which the observer takes.
+  watcher->SetTableObserver([state = m_poll_state] { state->Wake(PollThreadState::News::kMayComeInBursts); });
+  std::lock_guard<std::mutex> lock(m_poll_state->mutex);
+  m_stop_listen = false;
   m_listen_device_change = watcher;
-  watcher->SetTableObserver([state = m_poll_state] { state->Wake(); });
   watcher->StartListen();
 
   if (m_poll_state->running) {
@@ -181,14 +185,16 @@ int AndListenerEx::PollOnce(std::map<std::string, DeviceBasicInfo_>& previous, i
   return query_code;
 }
 
-// Until the deadline, a stop, a start, or news; news is given a moment to settle, so that a burst
-// of it makes one poll.
+// Until the deadline, a stop, a start, or news; news that may come in bursts (USB, the server's
+// list) is given a moment to settle, so that a burst makes one poll. A phone's details are whole.
 void AndListenerEx::WaitForNextPoll(SteadyTime deadline) {
   PollThreadState& state = *m_poll_state;
   std::unique_lock<std::mutex> lock(state.mutex);
   const auto interrupted = [&] { return state.fresh_start || m_stop_listen.load(); };
   state.changed.wait_until(lock, deadline, [&] { return state.news || interrupted(); });
-  if (state.news && !interrupted()) state.changed.wait_for(lock, kNewsSettleWindow, interrupted);
+  if (state.news && !state.news_whole && !interrupted()) {
+    state.changed.wait_for(lock, kNewsSettleWindow, interrupted);
+  }
   state.news = false;
 }
 

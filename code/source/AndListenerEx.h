@@ -26,7 +26,7 @@ using HostCallback = int (*)(const char*, int);
 
 // How long a poll woken by news waits for more of it, so that a burst (a hub with four phones,
 // a phone that goes from unauthorised to authorised within milliseconds) makes one report.
-inline constexpr std::chrono::milliseconds kNewsSettleWindow{2};
+inline constexpr std::chrono::milliseconds kNewsSettleWindow{1};
 // Tracking of the ADB server's list is tried again at most this often, after a poll that reached
 // the server.
 inline constexpr std::chrono::milliseconds kTrackingRetryPause{1000};
@@ -96,9 +96,11 @@ class AndListenerEx {
     bool running = false;      // a poll thread exists and has not decided to end
     bool fresh_start = false;  // a start came while it ran: forget the previous table
     bool news = false;         // something changed since the last poll began
+    bool news_whole = true;  // ... and all of it was whole news, with nothing more to come
     bool tracking_ended = false;
     int live_threads = 0;      // threads not yet past their last line
-    void Wake(bool ended_tracking = false);
+    enum class News { kMayComeInBursts, kWhole, kTrackingEnded };
+    void Wake(News news);
   };
   class AdbTracking;
 

@@ -33,8 +33,13 @@ void ListenDeviceChange::SetTableObserver(std::function<void()> observer) {
 }
 
 void ListenDeviceChange::TableChanged() {
-  std::lock_guard<std::mutex> lock(m_observer_mutex);
-  if (m_table_observer) m_table_observer();
+  std::function<void()> observer;
+  {
+    std::lock_guard<std::mutex> lock(m_observer_mutex);
+    observer = m_table_observer;
+  }
+  // Called with no lock held: the observer takes locks of its own.
+  if (observer) observer();
 }
 
 std::map<std::string, DeviceModleInfo> ListenDeviceChange::CopyUSBDeviceMap() {

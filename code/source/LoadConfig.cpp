@@ -9,6 +9,7 @@
 #include <limits>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <utility>
 
 #include "Common.h"
@@ -254,12 +255,14 @@ int LoadVIDConfig(const char* folder) {
 
   // The vendors this load adds, in file order; the first line of a vendor ID wins.
   std::vector<std::pair<unsigned int, std::string>> added;
+  std::set<unsigned int> listed;  // every vendor the file names, known or not, for the log
   {
     ConfigTablesReadLock lock(s_tables_mutex);
     std::string key, number;
     for (const std::string& line : lines) {
       if (!MatchKeyNumberLine(line, &key, &number)) continue;
       const unsigned int vid = DecimalValue(number);
+      listed.insert(vid);
       bool known = s_vid_manufacturer_map.count(vid) > 0;
       for (const auto& entry : added) known = known || entry.first == vid;
       if (!known) added.emplace_back(vid, key);
@@ -272,10 +275,22 @@ int LoadVIDConfig(const char* folder) {
     std::vector<unsigned int> black, white;
   };
   std::vector<VendorLists> lists(added.size());
+  size_t black_pids = 0, white_pids = 0;
   for (size_t i = 0; i < added.size(); ++i) {
     lists[i].black_ret = ParsePidFile(folder, AndroidPIDBlack, added[i].first, &lists[i].black);
     lists[i].white_ret = ParsePidFile(folder, AndroidPIDWhite, added[i].first, &lists[i].white);
+    black_pids += lists[i].black.size();
+    white_pids += lists[i].white.size();
   }
+  // A file of the wrong kind reads without error and names no vendor: say so, or the only sign
+  // would be phones that are never reported.
+  if (listed.empty()) {
+    LogEx(kLogCategory, QUENWICK_LEVEL_WARNING, "%s gave no vendor: no USB device will be taken for a phone.",
+          AndroidVID.c_str());
+  }
+  LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s gave %zu vendors (%zu new); %s %zu products and %s %zu for the new ones.",
+        AndroidVID.c_str(), listed.size(), added.size(), AndroidPIDBlack.c_str(), black_pids,
+        AndroidPIDWhite.c_str(), white_pids);
 
   WriteLock lock(s_tables_mutex);
   for (size_t i = 0; i < added.size(); ++i) {
@@ -307,6 +322,8 @@ int LoadiManufactureAndiProductConfig(const char* folder) {
     // Each field is kept as a NUL-terminated text: a NUL byte inside a field ends it.
     if (MatchTwoFieldLine(line, &left, &right)) entries.emplace_back(left.c_str(), right.c_str());
   }
+  LogEx(kLogCategory, QUENWICK_LEVEL_INFO, "%s gave %zu manufacturer and product pairs.",
+        iManufactureAndiProduct.c_str(), entries.size());
   WriteLock lock(s_tables_mutex);
   for (auto& [manufacturer, product] : entries) {
     s_imanufacture_iprduct_map[manufacturer].push_back(std::move(product));

@@ -99,6 +99,13 @@ TEST_F(ConfigFolder, QueriesLogOnlyBlackListedDevicesOfKnownVendorsAndASecondLoa
   Write("iManufactureAndiProduct.ini", "Acme=One\r\nAcme=Two\nacme=Three\nAcme =Four\n");
   ASSERT_EQ(0, LoadVIDConfig(Dir()));
   ASSERT_EQ(0, LoadiManufactureAndiProductConfig(Dir()));
+  // The vendor load says what the files gave; a vendor list of noise says that it gave none.
+  EXPECT_EQ(1, log_capture::Count(1, "AndroidVID.ini gave 1 vendors (1 new); AndroidPIDBlack.ini 1 products and "
+                                     "AndroidPIDWhite.ini 2 for the new ones."));
+  Write("AndroidVID.ini", "\x8f\x01=\xff\n\x7f == 12a\n");
+  ASSERT_EQ(0, LoadVIDConfig(Dir()));
+  EXPECT_EQ(1, log_capture::Count(2, "AndroidVID.ini gave no vendor: no USB device will be taken for a phone."));
+  log_capture::Clear();
 
   EXPECT_TRUE(IsDeviceOnNon_AndroidList(1256, 1, "Stick")) << "unknown vendor";
   EXPECT_FALSE(IsDeviceOnNon_AndroidList(6353, 20194, ""));

@@ -50,13 +50,17 @@ TEST_F(Entry, InitialisationRefusesMissingFoldersRunsInOrderAndFailsOnlyOnTheMan
       << "the separator is added even after a trailing one";
   EXPECT_EQ((Strings{"AdbSdkInit:/res," + config + ",/var/log/app/"}), fake_adb::Calls())
       << "the resource folder comes first";
-  EXPECT_EQ((Logged{{1, "Pelmora verion 2.0.125-D-e04cbdc"}}), LoggedLines());
+  const Logged::value_type products = {1, "iManufactureAndiProduct.ini gave 1 manufacturer and product pairs."};
+  EXPECT_EQ((Logged{{1, "AndroidVID.ini gave 1 vendors (1 new); AndroidPIDBlack.ini 0 products and "
+                        "AndroidPIDWhite.ini 0 for the new ones."},
+                    products, {1, "Pelmora verion 2.0.125-D-e04cbdc"}}),
+            LoggedLines());
 
   log_capture::Clear();
   fake_adb::SetScript({"", 0, {}, {{"AdbSdkInit:/res," + config + ",/logs", 102}}});
   std::remove((config + "/AndroidVID.ini").c_str());
   EXPECT_EQ(0, InitPelmora(config.c_str(), "/res", "/logs"));
-  EXPECT_EQ((Logged{{3, "Fail to init adb sdk, error 102."}, {3, "Fail to load vid config, error 2."},
+  EXPECT_EQ((Logged{{3, "Fail to init adb sdk, error 102."}, {3, "Fail to load vid config, error 2."}, products,
                     {1, "Pelmora verion 2.0.125-D-e04cbdc"}}),
             LoggedLines());
 

@@ -71,6 +71,7 @@ class Listener : public ListenerTest {
   }
 
   Answers answers_;
+  bool reports_seen_split_ = false;
   std::optional<AndListenerEx> listener_;
   std::map<std::string, DeviceBasicInfo_> previous_;
   int last_code_ = 0;
@@ -331,9 +332,17 @@ TEST_F(Listener, NewsWakesThePollEveryStartReportsEveryDeviceAgainAndAStopEndsIt
   const Strings all = {"a:NotConnect->AuthoredConnect", "b:NotConnect->UnauthoredConnect"};
   listener_.emplace(reports::Collect, ListenerWiring{&watcher_, 60s});
   ASSERT_EQ(0, listener_->StartListen());
-  // The authorised phone waits for its details, read off the poll thread; the other does not.
-  EXPECT_EQ(Strings{"b:NotConnect->UnauthoredConnect"}, Next());
-  EXPECT_EQ(Strings{"a:NotConnect->AuthoredConnect"}, Next());
+  // The authorised phone waits for its details, read off the poll thread; the other does not wait
+  // for it (unless the read is quick enough to end within the same poll).
+  Strings first = Next();
+  if (first.size() == 1) {
+    EXPECT_EQ(Strings{"b:NotConnect->UnauthoredConnect"}, first);
+    first = Next();
+    EXPECT_EQ(Strings{"a:NotConnect->AuthoredConnect"}, first);
+    reports_seen_split_ = true;
+  } else {
+    EXPECT_EQ(all, first);
+  }
   // A second start, and a stop and a start: every device is reported again.
   ASSERT_EQ(0, listener_->StartListen());
   EXPECT_EQ(all, Next());
@@ -375,7 +384,7 @@ TEST_F(Listener, NewsWakesThePollEveryStartReportsEveryDeviceAgainAndAStopEndsIt
   EXPECT_TRUE(WaitForLine("Exit ListenThread", 1));
   gate.unlock();
   listener_.reset();
-  EXPECT_EQ(9u, reports::All().size()) << "none after the stop";
+  EXPECT_EQ(reports_seen_split_ ? 9u : 8u, reports::All().size()) << "none after the stop";
   EXPECT_EQ(3, watcher_.starts) << "every start asks the watcher to start";
 }
 

@@ -180,6 +180,8 @@ TEST_F(Session, ClosedOutputEndsTheSessionCleanly) {
 
 TEST_F(Session, FailuresBeforeListeningGiveTheirExitCodesAndReasons) {
   fs::create_directories(dir_ / "empty");
+  fs::create_directories(dir_ / "noise");
+  std::ofstream(dir_ / "noise" / "AndroidVID.ini") << "\x8f\x01=\xff\n\x7f == 12a\n";
   std::ofstream(dir_ / "file") << "x";
   const monitor::MonitorOptions good = settings_.options;
   // A wrong folder (under dir_) stops before the library is touched; an explicit resource folder is
@@ -195,12 +197,13 @@ TEST_F(Session, FailuresBeforeListeningGiveTheirExitCodesAndReasons) {
       {&O::config_dir, "empty", 0, 0, 0, monitor::kExitBadFolder, "holds no readable AndroidVID.ini"},
       {&O::resource_dir, "not-there", 0, 0, 0, monitor::kExitBadFolder, "resource folder"},
       {&O::log_dir, "file", 0, 0, 0, monitor::kExitBadFolder, "is not a folder"},
+      {&O::config_dir, "noise", 0, 108, 0, monitor::kExitAdbFailed, "\"AndroidVID.ini\" in"},  // only a warning
       {nullptr, "", 2, 0, 0, monitor::kExitInitFailed,
-       "InitPelmora failed with code 2: \"iManufactureAndiProduct.ini\" cannot be opened"},
-      {nullptr, "", 0, 108, 0, monitor::kExitAdbFailed, "StartAdbServer failed with code 108: no adb executable"},
-      {nullptr, "", 0, 112, 0, monitor::kExitAdbFailed, "code 112: ANDROID_ADB_SERVER_PORT is set but is not a port"},
+       "InitPelmora failed with code 2 (PELMORA_ERR_CONFIG_FILE): \"iManufactureAndiProduct.ini\" cannot be opened"},
+      {nullptr, "", 0, 108, 0, monitor::kExitAdbFailed, "code 108 (TARNWELL_ERR_NO_ADB): no adb executable"},
+      {nullptr, "", 0, 112, 0, monitor::kExitAdbFailed, "code 112 (TARNWELL_ERR_BAD_PORT): ANDROID_ADB_SERVER_PORT"},
       {nullptr, "", 0, 999, 0, monitor::kExitAdbFailed, "StartAdbServer failed with code 999: an unknown code"},
-      {nullptr, "", 0, 0, 5, monitor::kExitListenFailed, "StartListenAndroidDevice failed with code 5"},
+      {nullptr, "", 0, 0, 5, monitor::kExitListenFailed, "code 5 (PELMORA_ERR_NULL_CALLBACK): the callback"},
   };
   for (const auto& c : kCases) {
     settings_.options = good;
@@ -213,6 +216,7 @@ TEST_F(Session, FailuresBeforeListeningGiveTheirExitCodesAndReasons) {
     err_.clear();
     EXPECT_EQ(c.exit_code, monitor::RunMonitor(kFakeApi, settings_)) << c.said;
     EXPECT_TRUE(Has(err_, c.said)) << err_;
+    EXPECT_EQ(c.folder == &O::config_dir && c.exit_code != monitor::kExitBadFolder, Has(err_, "warning:")) << err_;
     EXPECT_EQ(c.exit_code != monitor::kExitBadFolder, !fake_.init_folders.empty()) << c.said;
   }
   EXPECT_EQ(0, fake_.stop_calls.load()) << "nothing listened, so nothing is stopped";

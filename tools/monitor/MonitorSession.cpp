@@ -11,11 +11,12 @@
 
 #include "DeviceTable.h"
 #include "JsonLines.h"
+#include "LoadConfig.h"
 #include "Pelmora.h"
+#include "PelmoraCodes.h"
 #include "ReportQueue.h"
 #include "ShutdownSignals.h"
 #include "TableRenderer.h"
-#include "Tarnwell.h"
 
 namespace fs = std::filesystem;
 
@@ -176,33 +177,21 @@ std::string PrepareFolders(const MonitorOptions& options) {
   return error;
 }
 
-std::string DescribeInitResult(int code) {
-  switch (code) {
-    case PELMORA_ERR_ARGUMENT: return "a folder argument is missing or empty";
-    case PELMORA_ERR_CONFIG_FILE:
-      return "\"iManufactureAndiProduct.ini\" cannot be opened in the configuration folder";
-    case PELMORA_ERR_INTERNAL: return "an unexpected failure inside the library";
-    default: return "an unknown code";
+std::string DescribeCode(int code) {
+  for (const pelmora_codes::CodeText& known : pelmora_codes::kCodes) {
+    if (known.code == code) return std::to_string(code) + " (" + known.name + "): " + known.meaning;
   }
+  return std::to_string(code) + ": an unknown code";
 }
 
-std::string DescribeAdbResult(int code) {
-  switch (code) {
-    case TARNWELL_ERR_BAD_ARGUMENT: return "the ADB service library was called wrongly";
-    case TARNWELL_ERR_NO_FOLDER: return "a folder given to the ADB service library does not exist";
-    case TARNWELL_ERR_NO_SERVER: return "no ADB server answers on its port";
-    case TARNWELL_ERR_SERVER_FAIL: return "the ADB server refused the request";
-    case TARNWELL_ERR_TIMEOUT: return "the ADB server did not answer in time";
-    case TARNWELL_ERR_MALFORMED: return "the ADB server's answer broke the protocol";
-    case TARNWELL_ERR_CLOSED: return "the ADB server closed the connection";
-    case TARNWELL_ERR_NO_ADB:
-      return "no adb executable in the resource folder or on PATH (Debian: apt install adb)";
-    case TARNWELL_ERR_START_FAILED: return "adb start-server ran, yet no server answers";
-    case TARNWELL_ERR_NO_MEMORY: return "out of memory";
-    case TARNWELL_ERR_IO: return "a socket or process error";
-    case TARNWELL_ERR_BAD_PORT: return "ANDROID_ADB_SERVER_PORT is set but is not a port number";
-    default: return "an unknown code";
+bool VendorListNamesAVendor(const std::string& config_dir) {
+  std::string text;
+  if (ReadTotalFile((config_dir + "/" + AndroidVID).c_str(), &text) != 0) return false;
+  std::string key, number;
+  for (const std::string& line : split(text, "[\r\n]+")) {
+    if (MatchKeyNumberLine(line, &key, &number)) return true;
   }
+  return false;
 }
 
 int RunMonitor(const PelmoraApi& api, const SessionSettings& settings) {
@@ -211,6 +200,10 @@ int RunMonitor(const PelmoraApi& api, const SessionSettings& settings) {
   if (!folder_error.empty()) {
     settings.err("pelmora-monitor: " + folder_error + "\n");
     return kExitBadFolder;
+  }
+  if (!VendorListNamesAVendor(options.config_dir)) {
+    settings.err("pelmora-monitor: warning: \"" + AndroidVID + "\" in \"" + options.config_dir +
+                 "\" gives no vendor, so no USB device counts as a phone\n");
   }
 
   ShutdownSignals signals;
@@ -226,14 +219,13 @@ int RunMonitor(const PelmoraApi& api, const SessionSettings& settings) {
   const int init = api.init(options.config_dir.c_str(), options.resource_dir.c_str(),
                             options.log_dir.c_str());
   if (init != 0) {
-    settings.err("pelmora-monitor: InitPelmora failed with code " + std::to_string(init) + ": " +
-                 DescribeInitResult(init) + "\n");
+    settings.err("pelmora-monitor: InitPelmora failed with code " + DescribeCode(init) + "\n");
     return kExitInitFailed;
   }
   const int adb = api.start_adb_server(false);
   if (adb != 0) {
-    settings.err("pelmora-monitor: StartAdbServer failed with code " + std::to_string(adb) + ": " +
-                 DescribeAdbResult(adb) + " (see " + options.log_dir + "/Pelmora.log)\n");
+    settings.err("pelmora-monitor: StartAdbServer failed with code " + DescribeCode(adb) + " (see " +
+                 options.log_dir + "/Pelmora.log)\n");
     return kExitAdbFailed;
   }
   if (signals.Drain() > 0) return kExitOk;  // Ctrl-C while the server was starting
@@ -241,8 +233,7 @@ int RunMonitor(const PelmoraApi& api, const SessionSettings& settings) {
   SessionQueue().TakeAll();  // nothing of an earlier session
   const int listen = api.start_listen(&OnReport);
   if (listen != 0) {
-    settings.err("pelmora-monitor: StartListenAndroidDevice failed with code " +
-                 std::to_string(listen) + "\n");
+    settings.err("pelmora-monitor: StartListenAndroidDevice failed with code " + DescribeCode(listen) + "\n");
     return kExitListenFailed;
   }
 

@@ -46,8 +46,12 @@ struct SessionSettings {
 // configuration folder holds "AndroidVID.ini". Returns "" or what is wrong.
 std::string PrepareFolders(const MonitorOptions& options);
 
-std::string DescribeInitResult(int code);
-std::string DescribeAdbResult(int code);
+// "CODE (NAME): meaning" for a code of libPelmora or libTarnwell.
+std::string DescribeCode(int code);
+
+// Whether the configuration folder's vendor list has a line the library takes as a vendor: a
+// list without one loads, and then no USB device is ever taken for a phone.
+bool VendorListNamesAVendor(const std::string& config_dir);
 
 int RunMonitor(const PelmoraApi& api, const SessionSettings& settings);
 

@@ -107,37 +107,32 @@ bool Resolve(void* handle, const char* name, Function* out, std::string* why) {
   return *out != nullptr;
 }
 
-// load(paths): opens the first of the paths that is a libPelmora; returns its path. The library
-// stays loaded for the life of the process, so later calls return the same path.
+// load(path): opens libPelmora at path (a file, or a name for the loader to find) and returns
+// that path; throws with the loader's reason when it is no libPelmora. The library stays loaded
+// for the life of the process, so later calls return the first path.
 Napi::Value Load(const Napi::CallbackInfo& info) {
   Napi::Env env = info.Env();
   Route& route = TheRoute();
   if (route.loaded) return Napi::String::New(env, route.library.path);
-  if (info.Length() != 1 || !info[0].IsArray()) throw Napi::TypeError::New(env, "load(paths: string[])");
-  Napi::Array paths = info[0].As<Napi::Array>();
-  std::string failures;
-  for (uint32_t i = 0; i < paths.Length(); ++i) {
-    const std::string path = paths.Get(i).ToString();
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    std::string why;
-    Library library;
-    library.path = path;
-    if (handle == nullptr) {
-      const char* error = dlerror();
-      why = error != nullptr ? error : "cannot be opened";
-    } else if (Resolve(handle, "InitPelmora", &library.init, &why) &&
-               Resolve(handle, "StartAdbServer", &library.start_adb_server, &why) &&
-               Resolve(handle, "StartListenAndroidDevice", &library.start_listen, &why) &&
-               Resolve(handle, "StopListenAndroidDevice", &library.stop_listen, &why)) {
-      route.library = library;
-      route.loaded = true;
-      return Napi::String::New(env, path);
-    } else {
-      dlclose(handle);
-    }
-    failures += "\n  " + path + ": " + why;
+  if (info.Length() != 1 || !info[0].IsString()) throw Napi::TypeError::New(env, "load(path: string)");
+  Library library;
+  library.path = info[0].As<Napi::String>();
+  void* handle = dlopen(library.path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) {
+    const char* error = dlerror();
+    throw Napi::Error::New(env, error != nullptr ? error : "cannot be opened");
   }
-  throw Napi::Error::New(env, "libPelmora could not be loaded from:" + failures);
+  std::string why;
+  if (!Resolve(handle, "InitPelmora", &library.init, &why) ||
+      !Resolve(handle, "StartAdbServer", &library.start_adb_server, &why) ||
+      !Resolve(handle, "StartListenAndroidDevice", &library.start_listen, &why) ||
+      !Resolve(handle, "StopListenAndroidDevice", &library.stop_listen, &why)) {
+    dlclose(handle);
+    throw Napi::Error::New(env, why);
+  }
+  route.library = library;
+  route.loaded = true;
+  return Napi::String::New(env, library.path);
 }
 
 Napi::Value Init(const Napi::CallbackInfo& info) {
@@ -186,6 +181,7 @@ Napi::Value Listen(const Napi::CallbackInfo& info) {
   Route& route = TheRoute();
   {
     std::lock_guard<std::mutex> lock(route.mutex);
+    // index.js refuses a second listener first, with its code; this only guards the addon.
     if (route.active != nullptr) throw Napi::Error::New(env, "already listening");
   }
   auto session = std::make_unique<Session>();

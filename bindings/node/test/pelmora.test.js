@@ -56,7 +56,7 @@ after(async () => {
 test('changes arrive as plain objects of every report member, one listener at a time', async () => {
   const listener = pelmora.listen();
   try {
-    assert.throws(() => pelmora.listen(), /already listening/);
+    assert.throws(() => pelmora.listen(), (e) => e instanceof pelmora.PelmoraError && e.code === 202);
     let report; // each report comes whole, before its changes one by one
     listener.once('report', (changed) => { report = changed; });
     const arrival = await within(new Promise((resolve) => listener.on('change', (c) => {
@@ -75,9 +75,11 @@ test('failures are PelmoraErrors with the library code, thrown or rejected', asy
   const port = process.env.ANDROID_ADB_SERVER_PORT;
   try {
     assert.throws(() => pelmora.init({ ...folders, configDir: work }), // no .ini files there
-      (e) => e instanceof pelmora.PelmoraError && e.code === 2 && /InitPelmora failed with code 2/.test(e.message));
+      (e) => e instanceof pelmora.PelmoraError && e.code === 2 && e.codeName === 'PELMORA_ERR_CONFIG_FILE'
+        && e.message === `InitPelmora failed with code 2 (PELMORA_ERR_CONFIG_FILE): ${pelmora.codes[2].meaning}`);
     process.env.ANDROID_ADB_SERVER_PORT = 'not-a-port';
-    await assert.rejects(pelmora.startAdbServer(), (e) => e instanceof pelmora.PelmoraError && e.code !== 0);
+    await assert.rejects(pelmora.startAdbServer(), (e) => e instanceof pelmora.PelmoraError && e.code === 112
+      && e.codeName === 'TARNWELL_ERR_BAD_PORT');
   } finally {
     process.env.ANDROID_ADB_SERVER_PORT = port;
     pelmora.init(folders);
@@ -92,4 +94,13 @@ test('the process exits on its own after stop()', () => {
   const child = spawnSync(process.execPath, ['-e', script], { timeout: WAIT_MS, encoding: 'utf8' });
   assert.strictEqual(child.error, undefined, 'the process did not end by itself');
   assert.strictEqual(child.status, 0, child.stderr);
+});
+
+test('from ESM, named imports; a library that cannot be loaded is a PelmoraError naming where it looked', () => {
+  const script = `import { init, PelmoraError } from ${JSON.stringify(path.resolve(__dirname, '..', 'index.js'))};
+    try { init(${JSON.stringify(folders)}); } catch (e) { console.log(e instanceof PelmoraError, e.code, e.message); }`;
+  const child = spawnSync(process.execPath, ['--input-type=module', '-e', script], {
+    timeout: WAIT_MS, encoding: 'utf8', env: { ...process.env, PELMORA_LIBRARY: '/nonexistent/libPelmora.so.2' },
+  });
+  assert.match(child.stdout, /^true 201 loading libPelmora failed .*\n {2}PELMORA_LIBRARY: \/nonexistent\/libPelmora\.so\.2: /s);
 });

@@ -1,88 +1,75 @@
-"""What the Python binding adds to libPelmora (PELMORA_LIBRARY): typed, frozen changes through its
-two listeners, one listener at a time, a clean end, and errors with the library's code. Against a
-private adb server and a phone of pelmora-sim-phone (PELMORA_SIM_PHONE)."""
+"""What the Python binding adds to libPelmora (PELMORA_LIBRARY) beyond the README's example, which
+tests/readme runs against a simulated phone: typed, frozen changes that print their statuses by
+name, one listener at a time, an end distinct from a timeout, the asyncio API, and errors with the
+code, name and meaning of the table of codes. No adb server answers on this test's port."""
 
 import asyncio
 import dataclasses
+import json
 import os
+import socket
 import subprocess
 import sys
-import time
 
 import pytest
 
 import pelmora
 
-REPO = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", "..", ".."))
-sys.path.insert(0, os.path.join(REPO, "tests", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone  # noqa: E402
-
-SIM_PHONE = os.environ.get("PELMORA_SIM_PHONE",
-                           os.path.join(REPO, "build", "tools", "sim-phone", "pelmora-sim-phone"))
-CONFIG = os.path.join(REPO, "config")
-MODEL = "Python Binding Phone"
-WAIT_S = 20
+CONFIG = os.path.join(os.path.dirname(__file__), "..", "..", "..", "config")
+ENTRY = {"key_serial": "r58m", "actual_serial": "R58M", "old_status": "NotConnect", "new_status": "AuthoredConnect",
+         "vid_manufacturer": "SAMSUNG", "os_version": "14", "model": "SM-G991B", "manufacturer": "samsung",
+         "vid": 1256, "pid": 26720, "adb_error_code": 0}
 
 
 @pytest.fixture(scope="module")
 def folders(tmp_path_factory):
-    work = tmp_path_factory.mktemp("pelmora")
-    adb = PrivateAdb(str(work))
-    adb.start()
-    os.environ["ANDROID_ADB_SERVER_PORT"] = str(adb.port)
-    phone = SimPhone(SIM_PHONE, adb, MODEL, "--android-version", "14")
-    try:
-        folders = [str(work), str(work)]  # resources and logs
-        pelmora.init(CONFIG, *folders)
-        pelmora.start_adb_server()
-        yield folders
-    finally:
-        phone.stop()
-        adb.kill()
+    with socket.socket() as s:  # a free port of its own, where nothing answers
+        s.bind(("127.0.0.1", 0))
+        os.environ["ANDROID_ADB_SERVER_PORT"] = str(s.getsockname()[1])
+    work = str(tmp_path_factory.mktemp("pelmora"))
+    pelmora.init(CONFIG, work, work)
+    return [work, work]
 
 
-def test_listeners_give_typed_frozen_changes_and_end_once_stopped(folders):
+def test_changes_are_frozen_and_their_statuses_read_as_the_report_words():
+    change = pelmora.Change.from_report_entry(ENTRY)
+    assert (change.new_status is pelmora.Status.AuthoredConnect) and str(change.new_status) == "AuthoredConnect"
+    assert json.loads(json.dumps(dataclasses.asdict(change))) == ENTRY
+    with pytest.raises(dataclasses.FrozenInstanceError):
+        change.model = "changed"
+
+
+def test_one_listener_at_a_time_and_an_end_distinct_from_a_timeout(folders):
     with pelmora.listen() as changes:
-        with pytest.raises(RuntimeError, match="already listening"):
+        with pytest.raises(pelmora.AlreadyListening, match="already listening") as raised:
             pelmora.listen()
-        deadline = time.monotonic() + WAIT_S
-        change = None
-        while (change is None or change.model != MODEL) and time.monotonic() < deadline:
-            change = changes.get(timeout=deadline - time.monotonic())
-        assert change is not None and change.model == MODEL, "no phone within %d s" % WAIT_S
-        assert (change.new_status, change.os_version, change.adb_error_code) == (
-            pelmora.Status.AuthoredConnect, "14", 0)
-        with pytest.raises(dataclasses.FrozenInstanceError):
-            change.model = "changed"
-    list(changes)  # a stopped listener ends its iteration once drained, and never blocks
-    assert changes.get() is None
+        assert isinstance(raised.value, RuntimeError) and raised.value.code == 202
+    list(changes)  # whatever was queued, then the end: for every later call too
+    for _ in range(2):
+        with pytest.raises(pelmora.EndOfChanges):
+            changes.get(timeout=0.1)
 
-    async def first_change():  # the asyncio listener sees the phone afresh
+    async def session():  # the README runs the asyncio host; here, its end
         async with pelmora.listen_async() as changes:
-            async for change in changes:
-                if change.model == MODEL:
-                    return change
-    assert asyncio.run(asyncio.wait_for(first_change(), WAIT_S)).new_status is pelmora.Status.AuthoredConnect
+            assert await changes.get(timeout=0.1) is None  # a timeout, not the end: no phone here
+        async for _ in changes:
+            pass
+        with pytest.raises(pelmora.EndOfChanges):
+            await changes.get()
+    asyncio.run(asyncio.wait_for(session(), 30))
 
 
-def test_errors_carry_the_library_code(folders, monkeypatch):
+def test_errors_carry_the_code_its_name_and_meaning(folders):
     try:
         for call, code in ((lambda: pelmora.init(CONFIG, None, folders[1]), 1),  # None reaches the library as NULL
                            (lambda: pelmora.init(folders[0], *folders), 2)):  # a folder without the .ini files
-            with pytest.raises(pelmora.PelmoraError, match="InitPelmora failed with code %d:" % code) as raised:
+            with pytest.raises(pelmora.PelmoraError, match="InitPelmora failed with code %d " % code) as raised:
                 call()
-            assert raised.value.code == code
+            assert (raised.value.code, raised.value.name, raised.value.meaning) == (code, *pelmora.CODES[code])
     finally:
         pelmora.init(CONFIG, *folders)
-    monkeypatch.setenv("ANDROID_ADB_SERVER_PORT", "not-a-port")
-    with pytest.raises(pelmora.PelmoraError, match="StartAdbServer failed") as raised:
-        pelmora.start_adb_server()
-    assert raised.value.code != 0
-
-
-def test_library_that_cannot_be_loaded_is_named():
     result = subprocess.run(
         [sys.executable, "-c", "import pelmora; pelmora.init('a', 'b', 'c')"],
-        env=dict(os.environ, PELMORA_LIBRARY="/nonexistent/libPelmora.so"),
-        capture_output=True, text=True, timeout=WAIT_S)
-    assert result.returncode != 0 and "/nonexistent/libPelmora.so" in result.stderr
+        env=dict(os.environ, PELMORA_LIBRARY="/nonexistent/libPelmora.so"), capture_output=True, text=True, timeout=30)
+    assert "LibraryNotFound: loading libPelmora failed with code 201 (BINDING_NO_LIBRARY)" in result.stderr
+    assert "PELMORA_LIBRARY: /nonexistent/libPelmora.so" in result.stderr
