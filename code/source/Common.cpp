@@ -53,9 +53,45 @@ std::string Latin1FallbackUtf8(const std::string& text) {
       out.append(text, start, at - start);
       continue;
     }
-    const auto latin1 = static_cast<unsigned char>(text[at++]);
-    out.push_back(static_cast<char>(0xC0 | (latin1 >> 6)));
-    out.push_back(static_cast<char>(0x80 | (latin1 & 0x3F)));
+    AppendUtf8(&out, static_cast<unsigned char>(text[at++]));
+  }
+  return out;
+}
+
+void AppendUtf8(std::string* out, char32_t code) {
+  const auto byte = [out](char32_t value) { out->push_back(static_cast<char>(value)); };
+  if (code < 0x80) {
+    byte(code);
+  } else if (code < 0x800) {
+    byte(0xC0 | (code >> 6));
+    byte(0x80 | (code & 0x3F));
+  } else if (code < 0x10000) {
+    byte(0xE0 | (code >> 12));
+    byte(0x80 | ((code >> 6) & 0x3F));
+    byte(0x80 | (code & 0x3F));
+  } else {
+    byte(0xF0 | (code >> 18));
+    byte(0x80 | ((code >> 12) & 0x3F));
+    byte(0x80 | ((code >> 6) & 0x3F));
+    byte(0x80 | (code & 0x3F));
+  }
+}
+
+std::string Utf16LeToUtf8(const unsigned char* data, size_t size) {
+  constexpr char32_t kReplacement = 0xFFFD;
+  const auto is_high = [](char32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; };
+  const auto is_low = [](char32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; };
+  const size_t units = size / 2;
+  const auto unit_at = [data](size_t k) { return static_cast<char32_t>(data[2 * k] | (data[2 * k + 1] << 8)); };
+  std::string out;
+  for (size_t k = 0; k < units; ++k) {
+    const char32_t unit = unit_at(k);
+    if (unit == 0) break;
+    if (is_high(unit) && k + 1 < units && is_low(unit_at(k + 1))) {
+      AppendUtf8(&out, 0x10000 + ((unit - 0xD800) << 10) + (unit_at(++k) - 0xDC00));
+    } else {
+      AppendUtf8(&out, is_high(unit) || is_low(unit) ? kReplacement : unit);
+    }
   }
   return out;
 }

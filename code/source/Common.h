@@ -23,6 +23,14 @@ std::string GetLowerCaseString(const std::string& text);
 // The library's one UTF-8 decoder.
 bool DecodeUtf8Sequence(const std::string& text, size_t* at, char32_t* code);
 
+// Appends the UTF-8 form of code (at most U+10FFFF, no surrogate) to *out.
+void AppendUtf8(std::string* out, char32_t code);
+
+// The UTF-16LE text in size bytes at data (a USB string descriptor's body) as UTF-8, up to the
+// first unit 0x0000: surrogate pairs joined, an unpaired surrogate as U+FFFD. A lone last byte is
+// no whole unit and is dropped.
+std::string Utf16LeToUtf8(const unsigned char* data, size_t size);
+
 // text as valid UTF-8 for the JSON writer: valid UTF-8 sequences pass unchanged, and every other
 // byte is taken as the Latin-1 character it is (a USB string decoded to single bytes, say).
 std::string Latin1FallbackUtf8(const std::string& text);

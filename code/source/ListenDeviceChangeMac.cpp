@@ -28,13 +28,16 @@ struct DeviceNotifyInfo {
 constexpr size_t kSerialNumberBufferSize = 260;  // text and its terminating zero
 constexpr size_t kManufacturerBufferSize = 100;
 constexpr uint16_t kStringDescriptorLength = 256;
-// USB-IF interface classes a phone never exposes: a device that declares nothing else is passed
-// over before the lists are asked. Bluetooth is matched to its protocol, because Android's RNDIS
-// tethering shares its class and subclass.
+// USB-IF classes a phone never has: a device whose own class is one of them, or that declares only
+// interfaces of them, is passed over before the lists are asked. Bluetooth is matched to its
+// protocol, because Android's RNDIS tethering shares its class and subclass (at device level too:
+// Android's tethering configurations set the device class E0).
 constexpr uint8_t kUsbClassHid = 0x03;
 constexpr uint8_t kUsbClassPrinter = 0x07;
 constexpr uint8_t kUsbClassHub = 0x09;
 constexpr uint8_t kUsbClassSmartCard = 0x0B;
+constexpr uint8_t kUsbClassVideo = 0x0E;
+constexpr uint8_t kUsbClassBillboard = 0x11;
 constexpr uint8_t kUsbClassWirelessController = 0xE0;
 constexpr uint8_t kUsbClassApplicationSpecific = 0xFE;  // firmware update (DFU), IrDA bridges
 constexpr uint8_t kUsbSubClassRadioFrequency = 0x01;
@@ -99,18 +102,9 @@ bool IsAndroidValid(unsigned short vid, unsigned short pid, std::string serial) 
 // Serial number and string descriptors
 
 std::string DecodeStringDescriptor(int result, const unsigned char* data, uint32_t wLenDone) {
-  std::string text;
-  if (result != 0 || data == nullptr || wLenDone < 3) return text;
-  if (data[1] != 3 || data[0] != wLenDone) return text;
-  // An odd wLenDone leaves a lone last byte: it converts as a unit whose high byte is 0, so that
-  // nothing beyond the transferred bytes is ever read.
-  for (uint32_t low = 2; low < wLenDone; low += 2) {
-    const unsigned char high = low + 1 < wLenDone ? data[low + 1] : 0;
-    const char byte = high == 0 ? static_cast<char>(data[low]) : '?';
-    if (byte == '\0') break;
-    text.push_back(byte);
-  }
-  return text;
+  if (result != 0 || data == nullptr || wLenDone < 3) return "";
+  if (data[1] != kUsbDescriptorTypeString || data[0] != wLenDone) return "";
+  return Utf16LeToUtf8(data + 2, wLenDone - 2);
 }
 
 static std::string GetSerialNumber(UsbService* service) {
@@ -134,6 +128,15 @@ static std::string GetStringDescriptor(UsbDeviceInterface* device, unsigned char
   const int result = s_notification_port->DeviceRequest(device, &request);
   return DecodeStringDescriptor(result, buffer,
                                 std::min<uint32_t>(request.wLenDone, kStringDescriptorLength));
+}
+
+// The system's decoded copy when it keeps one, else the device's answer. Index 0 names no string
+// (the device would answer with its language table), so nothing is asked for it.
+static std::string ReadString(UsbDeviceInterface* device, UsbString which, uint8_t index) {
+  std::string text;
+  if (index == 0) return text;
+  if (s_notification_port->GetStringText(device, which, &text)) return text;
+  return GetStringDescriptor(device, index);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -172,31 +175,36 @@ static UsbDeviceInterface* OpenDeviceInterface(UsbService* service) {
   return device;
 }
 
-static bool IsNeverOnAPhone(const UsbInterfaceClass& interface) {
-  switch (interface.bInterfaceClass) {
+// Video counts only as the device's own class: a phone serving as a webcam declares video interfaces.
+enum class ClassOf { kDevice, kInterface };
+static bool IsNeverOnAPhone(const UsbClassCodes& codes, ClassOf owner) {
+  switch (codes.class_code) {
     case kUsbClassHid:
     case kUsbClassPrinter:
     case kUsbClassHub:
     case kUsbClassSmartCard:
+    case kUsbClassBillboard:
     case kUsbClassApplicationSpecific:
       return true;
-    case kUsbClassWirelessController:
-      return interface.bInterfaceSubClass == kUsbSubClassRadioFrequency &&
-             interface.bInterfaceProtocol == kUsbProtocolBluetooth;
+    case kUsbClassVideo:
+      return owner == ClassOf::kDevice;
     default:
-      return false;
+      return codes.class_code == kUsbClassWirelessController && codes.subclass == kUsbSubClassRadioFrequency &&
+             codes.protocol == kUsbProtocolBluetooth;
   }
 }
 
-static bool IsAdbInterface(const UsbInterfaceClass& interface) {
-  return interface.bInterfaceClass == kUsbClassVendorSpecific &&
-         interface.bInterfaceSubClass == kUsbSubClassAdb && interface.bInterfaceProtocol == kUsbProtocolAdb;
+static bool IsAdbInterface(const UsbClassCodes& interface) {
+  return interface.class_code == kUsbClassVendorSpecific &&
+         interface.subclass == kUsbSubClassAdb && interface.protocol == kUsbProtocolAdb;
 }
 
 // True for a device whose every interface is of a class no phone exposes (a keyboard, a hub, a
 // printer, a card reader, a Bluetooth radio with its firmware interface), when the platform can tell.
-static bool DeclaresOnlyNonPhoneInterfaces(const std::vector<UsbInterfaceClass>& interfaces) {
-  return !interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsNeverOnAPhone);
+static bool DeclaresOnlyNonPhoneInterfaces(const std::vector<UsbClassCodes>& interfaces) {
+  return !interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), [](const UsbClassCodes& codes) {
+           return IsNeverOnAPhone(codes, ClassOf::kInterface);
+         });
 }
 
 static void HandleArrival(UsbService* service) {
@@ -218,16 +226,18 @@ static void HandleArrival(UsbService* service) {
   // Released here on every way out, unless the record takes it over.
   std::unique_ptr<UsbDeviceInterface, void (*)(UsbDeviceInterface*)> interface_guard(
       device, [](UsbDeviceInterface* d) { s_notification_port->ReleaseDeviceInterface(d); });
-  std::vector<UsbInterfaceClass> interfaces;
+  std::vector<UsbClassCodes> interfaces;
   if (!s_notification_port->GetInterfaceClasses(device, &interfaces)) interfaces.clear();
-  if (DeclaresOnlyNonPhoneInterfaces(interfaces)) {
+  UsbClassCodes device_class;
+  const bool class_known = s_notification_port->GetDeviceClass(device, &device_class);
+  if ((class_known && IsNeverOnAPhone(device_class, ClassOf::kDevice)) || DeclaresOnlyNonPhoneInterfaces(interfaces)) {
     Log(QUENWICK_LEVEL_INFO, "usb device passed over, no interface a phone has: serial:%s vid:%hu pid:%hu",
         serial.c_str(), vid, pid);
     return;
   }
   auto record = std::make_unique<DeviceNotifyInfo>();
-  record->info.manufacturer = GetStringDescriptor(device, manufacturer_index);
-  record->info.product = GetStringDescriptor(device, product_index);
+  record->info.manufacturer = ReadString(device, UsbString::kManufacturer, manufacturer_index);
+  record->info.product = ReadString(device, UsbString::kProduct, product_index);
   if (!IsAndroidValid(vid, pid, serial)) return;
 
   record->info.vid = vid;

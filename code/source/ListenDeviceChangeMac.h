@@ -39,8 +39,8 @@ bool IsAndroidValid(unsigned short vid, unsigned short pid, std::string serial);
 
 // The text of a string descriptor answer: result is the transfer's code, data the buffer and
 // wLenDone the bytes transferred. Empty unless the transfer succeeded, the type byte is 3 and
-// bLength equals wLenDone; then each UTF-16LE unit gives its low byte (high byte 0) or '?', up
-// to the first unit 0x0000.
+// bLength equals wLenDone; then its UTF-16LE text as UTF-8 (Utf16LeToUtf8 of Common.h), up to the
+// first unit 0x0000.
 std::string DecodeStringDescriptor(int result, const unsigned char* data, uint32_t wLenDone);
 
 // Where the watcher thread gets its platform from: CreateUsbPlatform() unless a factory is set

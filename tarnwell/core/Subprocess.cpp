@@ -120,7 +120,7 @@ std::string FindOnPath(const std::string& name) {
 
 ProcessOutcome RunProcess(const std::vector<std::string>& argv,
                           const std::vector<std::string>& environment_overrides,
-                          const Deadline& deadline) {
+                          const Deadline& deadline, const SpawnOptions& options) {
   ProcessOutcome outcome;
   if (argv.empty()) {
     outcome.error = "no program given";
@@ -138,18 +138,41 @@ ProcessOutcome RunProcess(const std::vector<std::string>& argv,
   }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (options.input_fd >= 0) {
+    posix_spawn_file_actions_adddup2(&actions, options.input_fd, STDIN_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
   posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDERR_FILENO);
+  // The caller may block or ignore signals for itself (the monitor blocks SIGINT and SIGTERM to
+  // wait for them, and ignores SIGPIPE); a child must not inherit that, or an adb server it
+  // forks could not be stopped with kill.
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none, every;
+  sigemptyset(&none);
+  sigfillset(&every);
+  sigdelset(&every, SIGKILL);
+  sigdelset(&every, SIGSTOP);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &every);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (options.own_process_group) {
+    flags |= POSIX_SPAWN_SETPGROUP;
+    posix_spawnattr_setpgroup(&attributes, 0);  // a group of its own, led by the child
+  }
+  posix_spawnattr_setflags(&attributes, flags);
 
   std::vector<std::string> args = argv;
   std::vector<std::string> env = MergedEnvironment(environment_overrides);
   std::vector<char*> arg_pointers = PointerArray(args);
   std::vector<char*> env_pointers = PointerArray(env);
   pid_t pid = -1;
-  int spawned = ::posix_spawn(&pid, program.c_str(), &actions, nullptr, arg_pointers.data(),
+  int spawned = ::posix_spawn(&pid, program.c_str(), &actions, &attributes, arg_pointers.data(),
                               env_pointers.data());
   posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
   // Only the child may hold the write end now, so the pipe ends when it (and what it leaves) exits.
   output.write.reset();
   if (spawned != 0) {

@@ -2,7 +2,8 @@
 """pelmora-monitor --json against the real library, a private adb server and a simulated phone:
 the phone arrives as AuthoredConnect with its model, leaves as NotConnect; every JSON line equals
 the report the library logged (the text it handed the callback); SIGINT ends the run with 0 after
-the poll thread's last line reached the log; no sanitizer report."""
+the poll thread's last line reached the log; no sanitizer report; the adb server the monitor started
+stops on SIGTERM (it must not inherit the monitor's blocked signals)."""
 
 import argparse
 import json
@@ -18,7 +19,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone, expect  # noqa: E402
+from pelmora_test_adb import PrivateAdb, SimPhone, expect, wait_until  # noqa: E402
 
 WAIT = 20  # seconds for any one expected line
 
@@ -44,8 +45,7 @@ def main():
     work = tempfile.mkdtemp(prefix="pelmora-monitor-e2e-")
     adb = PrivateAdb(work)
     phone = monitor = None
-    try:
-        adb.start()
+    try:  # no server yet: the monitor starts one
         logs = os.path.join(work, "logs")
         monitor = subprocess.Popen(
             [args.monitor, "--json", "--config", args.config, "--resources", work, "--log-dir", logs],
@@ -56,6 +56,7 @@ def main():
                                   daemon=True)
         reader.start()
 
+        wait_until(adb.server_pids)  # the monitor's own server, before the phone's adb could start one
         model = "E2E Phone 7"
         phone = SimPhone(args.sim_phone, adb, model)
         entry = wait_for(lines, seen, lambda e: e["new_status"] == "AuthoredConnect" and e["model"] == model,
@@ -82,6 +83,10 @@ def main():
         stop = log_text.rfind("StopListenAndroidDevice Enter...")
         expect(stop >= 0 and log_text.find("Exit ListenThread", stop) > stop,
                "the poll thread's last line is not in the log:\n" + log_text[stop:])
+        servers = adb.server_pids()
+        expect(len(servers) == 1, "the monitor started %d adb servers" % len(servers))
+        os.kill(servers[0], signal.SIGTERM)
+        expect(wait_until(lambda: not adb.server_pids()), "the adb server ignored SIGTERM")
         print("monitor end to end: ok, %d reports" % len(printed))
     finally:
         if monitor:

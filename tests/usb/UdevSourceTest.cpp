@@ -69,8 +69,8 @@ class UdevSource : public ::testing::Test {
   ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
-// Besides the phones, devices the watcher passes over: without a serial, with only interfaces no
-// phone has (which classes those are is the watcher logic's decision, tested there), without
+// Besides the phones, devices the watcher passes over: without a serial, of a class or with only
+// interfaces no phone has (which classes those are is the watcher logic's decision, tested there), without
 // descriptors, with truncated ones.
 TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
   const Change no_serial = [](SimulatedUsbDevice& d) { d.serial.reset(); };
@@ -84,12 +84,14 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
   EXPECT_EQ(table.at("early-one").pid, kPlainPid);
 
   testbed_->Plug(Phone(6, "keyboard", [](SimulatedUsbDevice& d) { d.interfaces = {{0x03, 1, 1}, {0x03, 0, 0}}; }));
+  testbed_->Plug(Phone(5, "hub", [](SimulatedUsbDevice& d) { d.device_class = 0x09; }));
   testbed_->Plug(Phone(7, "no-descriptors", [](SimulatedUsbDevice& d) { d.descriptors.emplace(); }));
   testbed_->Plug(Phone(8, "truncated", [](SimulatedUsbDevice& d) { d.descriptors = {{18, 1, 0, 2}}; }));
   testbed_->Unplug(PlugAndWait(Phone(9, "adb-phone", [](SimulatedUsbDevice& d) { d.interfaces = {{6, 1, 1}, {0xFF, 0x42, 1}}; })));
   ASSERT_TRUE(Eventually([&] { return !Has("adb-phone"); }));
   EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices passed over left no entry";
   EXPECT_EQ(log_capture::CountContaining("no interface a phone has: serial:keyboard"), 1);
+  EXPECT_EQ(log_capture::CountContaining("no interface a phone has: serial:hub"), 1) << "by its device class";
   EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0x00000002.\n"), 1) << "ENOENT";
   EXPECT_EQ(log_capture::Count(1, "no io usb device info"), 1) << "truncated";
   EXPECT_TRUE(fake_adb::Calls().empty()) << "the lists and ADB are not asked for them";
@@ -100,9 +102,9 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
   PlugAndWait(Phone(10, "after"));
 }
 
-// Each device names where its strings came from once; only strings sysfs lacks go to the node,
-// and a node this host may not use (EPERM: 0664 without udev rules) sends the rest to sysfs. The
-// decoding itself is the watcher logic's, tested there.
+// Each device names where its strings came from once; sysfs's UTF-8 passes unchanged, only
+// strings sysfs lacks go to the node, index 0 goes nowhere, and a node this host may not use
+// (EPERM: 0664 without udev rules) leaves them empty. The decoding is the watcher logic's.
 TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
   using Strings = std::map<uint8_t, std::u16string>;
   // Its strings in sysfs, its manufacturer's index, and the strings its node answers (no node when
@@ -115,16 +117,15 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
     };
   };
   const std::nullopt_t none = std::nullopt;
-  const std::string x123(123, 'x');  // then a pair, a unit that just fits the descriptor's 126, one too many
+  const std::string cjk = "\xE4\xB8\xAD \xF0\x9F\x98\x80";  // U+4E2D, then U+1F600: a pair in UTF-16
   const struct {
     SimulatedUsbDevice device;
     std::string manufacturer, product;
     int transfers;
   } cases[] = {
-      {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", "\xE4\xB8\xAD-Phone", 1)), "Soci\xE9t\xE9", "?-Phone", 0},
+      {Phone(8, "no-node", with("Soci\xC3\xA9t\xC3\xA9", cjk, 1)), "Soci\xC3\xA9t\xC3\xA9", cjk, 0},
       {Phone(10, "half", with("Acme", none, 1, Strings{}, EPERM)), "Acme", "", 1},
-      {Phone(11, "zero-sysfs", with(none, x123 + "\xF0\x9F\x98\x80yz", 0)), "?", x123 + "??y", 0},
-      {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "?", "Node", 1},
+      {Phone(12, "zero-node", with("Acme", none, 0, Strings{{2, u"Node"}})), "", "Node", 1},
       {Phone(14, "stalls", with(none, none, 1, Strings{{1, u"Only"}})), "Only", "", 2},
       {Phone(15, "gone", with(none, "Phone gone", 1, Strings{}, ENODEV)), "", "Phone gone", 1},
   };
@@ -139,7 +140,7 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
     EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + way), 1) << syspath;
   }
   EXPECT_EQ(log_capture::CountContaining(": strings "), static_cast<int>(std::size(cases))) << "one line per device";
-  EXPECT_EQ(log_capture::CountContaining("refused (Operation not permitted); sysfs answers the rest"), 1);
+  EXPECT_EQ(log_capture::CountContaining("refused (Operation not permitted); strings sysfs lacks stay empty"), 1);
 }
 
 }  // namespace

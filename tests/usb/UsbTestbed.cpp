@@ -37,7 +37,7 @@ void Append(Bytes* bytes, std::initializer_list<unsigned char> more) { bytes->in
 
 Bytes DeviceDescriptor(const SimulatedUsbDevice& d) {
   const auto low = [](unsigned value) { return static_cast<unsigned char>(value & 0xFF); };
-  Bytes bytes = {18, 1, 0x00, 0x02, 0, 0, 0, 64, low(d.vid), low(d.vid >> 8), low(d.pid), low(d.pid >> 8),
+  Bytes bytes = {18, 1, 0x00, 0x02, d.device_class, 0, 0, 64, low(d.vid), low(d.vid >> 8), low(d.pid), low(d.pid >> 8),
                  0x00, 0x01, d.manufacturer_index, d.product_index, 3, 1};
   if (d.interfaces.empty()) return bytes;
   const size_t total = 9 + 9 * d.interfaces.size();
@@ -47,9 +47,8 @@ Bytes DeviceDescriptor(const SimulatedUsbDevice& d) {
   return bytes;
 }
 
-// Index 0 answers the language table; an index without text has no answer (a stall).
+// An index without text has no answer (a stall).
 std::optional<Bytes> StringDescriptor(const SimulatedUsbDevice& device, uint8_t index) {
-  if (index == 0) return Bytes{4, 3, 0x09, 0x04};
   const auto text = device.strings.find(index);
   if (text == device.strings.end()) return std::nullopt;
   Bytes bytes = {static_cast<unsigned char>(2 + 2 * text->second.size()), 3};

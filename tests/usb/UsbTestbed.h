@@ -16,7 +16,7 @@ struct SimulatedUsbDevice {
   int number = 0;  // device address on bus 1; also names the sysfs path
   std::optional<std::string> serial;
   uint16_t vid = 0, pid = 0;
-  uint8_t manufacturer_index = 1, product_index = 2;
+  uint8_t manufacturer_index = 1, product_index = 2, device_class = 0;
   // The kernel's UTF-8 copies in sysfs; absent attributes when not set.
   std::optional<std::string> sysfs_manufacturer;
   std::optional<std::string> sysfs_product;
@@ -24,8 +24,7 @@ struct SimulatedUsbDevice {
   // configuration with these interfaces (class, subclass, protocol), if any.
   std::optional<std::vector<unsigned char>> descriptors;
   std::vector<std::array<uint8_t, 3>> interfaces;
-  // With a device node: string descriptors by index, as UTF-16 code units. An index without an
-  // entry stalls; 0 answers the language table.
+  // With a device node: string descriptors by index, as UTF-16 code units; any other index stalls.
   bool has_node = false;
   std::map<uint8_t, std::u16string> strings;
   int fail_with_errno = 0;  // every control transfer fails with this, when not 0

@@ -71,10 +71,10 @@ class Watcher : public ::testing::Test {
   ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
-// Each device is recorded, with its strings decoded by the low byte up to the first zero unit, or
-// passed over; it leaves exactly its one line (or none), and ADB is asked only about the devices the
-// lists call non-Android. Every other device is attached before the start, the rest plugged after
-// it. The stand-in answers only a bounded GET_DESCRIPTOR(STRING) in US English, by its index.
+// Each device is recorded, with its strings from the registry or else decoded from UTF-16 up to the
+// first zero unit, or passed over; it leaves exactly its one line (or none), and ADB is asked only
+// about the devices the lists call non-Android. Every other device is attached before the start, the
+// rest plugged after it. The stand-in answers only a bounded GET_DESCRIPTOR(STRING) in US English.
 TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLines) {
   const auto says = [](uint8_t index, std::vector<unsigned char> bytes, int result = 0,
                        std::optional<uint32_t> done = std::nullopt) {
@@ -88,6 +88,7 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
     };
   };
   const std::string no_plugin = "IOCreatePlugInInterfaceForService returned ";
+  const auto of_class = [](UsbClassCodes codes) { return [=](Device& d) { d.device_class = codes; }; };
   const auto passed_over = [](const char* id) {
     return std::string("usb device passed over, no interface a phone has: serial:") + id + " vid:6353 pid:1";
   };
@@ -105,13 +106,16 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
       {"wrong-type", says(1, {0x0A, 0x04, 'S', 0, 'a', 0, 'm', 0, 's', 0}), ""},
       {"short-transfer", says(1, sams, 0, 8u), ""},
       {"failed-request", says(1, sams, 0x1F), ""},
-      {"latin1", says(1, {0x06, 0x03, 'C', 0, 0xE9, 0x00}), "C\xE9"},
-      {"cjk", says(1, {0x06, 0x03, 0x2D, 0x4E, 'x', 0}), "?x"},
+      {"latin1", says(1, {0x06, 0x03, 'C', 0, 0xE9, 0x00}), "C\xC3\xA9"},
+      // U+5C0F U+7C73, then U+1F600 as a surrogate pair.
+      {"cjk", says(1, {0x0A, 0x03, 0x0F, 0x5C, 0x73, 0x7C, 0x3D, 0xD8, 0x00, 0xDE}), "\xE5\xB0\x8F\xE7\xB1\xB3\xF0\x9F\x98\x80"},
+      {"unpaired", says(1, {0x08, 0x03, 0x3D, 0xD8, 'x', 0, 0x00, 0xDE}), "\xEF\xBF\xBDx\xEF\xBF\xBD"},
       {"zero-unit", says(1, {0x08, 0x03, 'A', 0, 0, 0, 'B', 0}), "A"},
-      {"zero-low-byte", says(1, {0x06, 0x03, 0x00, 0x01, 'B', 0}), "?B"},
       {"too-short", says(1, {0x02, 0x03}), ""},
-      {"odd-length", says(1, {0x05, 0x03, 'A', 0, 'B'}), "AB"},
-      {"lang", says(0, {0x04, 0x03, 0x09, 0x04}), "?"},  // index 0 asks for the language table
+      {"odd-length", says(1, {0x05, 0x03, 'A', 0, 'B'}), "A"},
+      {"lang", says(0, {0x04, 0x03, 0x09, 0x04}), ""},  // index 0: no string, nothing asked
+      // The registry's decoded text comes first; the descriptor is asked only without it.
+      {"registry", [](Device& d) { d.vendor_name = "Xiaomi \xE5\xB0\x8F\xE7\xB1\xB3"; }, "Xiaomi \xE5\xB0\x8F\xE7\xB1\xB3"},
       {"absent", [](Device& d) { d.serial.reset(); }, nullptr},
       {"empty", [](Device& d) { d.serial = ""; }, nullptr},
       {"too-long", [](Device& d) { d.serial = std::string(260, 'x'), d.vid = kUnknownVid; }, nullptr},
@@ -124,13 +128,17 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
       {"too-old", [](Device& d) { d.interface_version = 320; }, nullptr, 1, "no io usb device info"},
       {"older", [](Device& d) { d.interface_version = 650; }, "Acme"},
       {"keyboard", classes({{0x03, 1, 1}, {0x03, 0, 0}}), nullptr, 1, passed_over("keyboard")},
-      {"hub", classes({{0x09, 0, 1}, {0x09, 0, 2}}), nullptr, 1, passed_over("hub")},
+      {"hub", of_class({0x09, 0, 2}), nullptr, 1, passed_over("hub")},
+      {"billboard", of_class({0x11, 0, 0}), nullptr, 1, passed_over("billboard")},
+      {"hid-device", of_class({0x03, 0, 0}), nullptr, 1, passed_over("hid-device")},
+      {"bt-dongle", of_class({0xE0, 1, 1}), nullptr, 1, passed_over("bt-dongle")},
       {"printer", classes({{0x07, 1, 2}}), nullptr, 1, passed_over("printer")},
       {"card-reader", classes({{0x0B, 0, 0}}), nullptr, 1, passed_over("card-reader")},
       {"radio", classes({{0xE0, 1, 1}, {0xFE, 1, 1}}), nullptr, 1, passed_over("radio")},
       {"phone", classes({{0x06, 1, 1}, {0xFF, 0x42, 1}}), "Acme"},
-      {"tethering", classes({{0xE0, 1, 3}, {0x0A, 0, 0}}), "Acme"},
+      {"tethering", [&](Device& d) { classes({{0xE0, 1, 3}, {0x0A, 0, 0}})(d), d.device_class = {0xE0, 0, 0}; }, "Acme"},
       {"hid-and-mtp", classes({{0x03, 0, 0}, {0x06, 1, 1}}), "Acme"},
+      {"webcam-mode", classes({{0x0E, 1, 0}, {0x0E, 2, 0}}), "Acme"},  // video only as the device's class
       // A keyboard's interface, then a descriptor that does not chain: the platform cannot tell.
       {"broken", [](Device& d) { d.configuration = {9, 2, 21, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 3, 1, 1, 0, 0, 4, 0}; },
        "Acme"},
@@ -177,9 +185,9 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
     lines.insert({line.level, line.has_category ? line.category : "", line.text});
   }
   EXPECT_EQ(lines, expected_lines);
-  EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:BLACK",  // attached
-                                                         "AdbGetPhoneManufacturer:named",
-                                                         "AdbGetPhoneManufacturer:nameless"}));
+  EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:nameless",  // attached
+                                                         "AdbGetPhoneManufacturer:BLACK",
+                                                         "AdbGetPhoneManufacturer:named"}));
   EXPECT_EQ(Held("plug-in"), 0);
   EXPECT_EQ(Held("service"), 0);
   EXPECT_EQ(Held("interface"), static_cast<int>(recorded)) << "only recorded devices keep one";

@@ -25,6 +25,15 @@ constexpr int kStartTimeoutMs = 10000;
 constexpr int kKillTimeoutMs = 3000;
 // adb's switch for its look at the emulator ports when a server starts: "0" is off.
 constexpr char kEmulatorScan[] = "ADB_EMU";
+// The watchdog: a shell in a process group of its own that leaves its parent at once (so that
+// nobody who kills this process, its children or its group reaches it, and nobody waits for it),
+// waits for the end of its stdin (kept on fd 3: a background job's stdin is /dev/null), then
+// stops the server, three times a second apart for one still starting, and removes the HOME.
+// Arguments: adb, port, HOME.
+constexpr char kWatchdogScript[] =
+    "exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-;"
+    " for try in 1 2 3; do \"$1\" -P \"$2\" kill-server; sleep 1; done; rm -rf \"$3\" ) </dev/null >/dev/null 2>&1 &";
+constexpr int kWatchdogStartTimeoutMs = 5000;
 
 bool Contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
@@ -94,10 +103,19 @@ PrivateAdbServer::PrivateAdbServer(bool scan_emulator_ports)
   std::string pattern = (std::filesystem::temp_directory_path() / "pelmora-adb-home-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   home_ = pattern;
+  posix::Pipe ends;
+  if (posix::OpenPipe(&ends, posix::Blocking::kYes)) {
+    const tarnwell::ProcessOutcome shell = tarnwell::RunProcess(
+        {"/bin/sh", "-c", kWatchdogScript, "pelmora-adb-watchdog", adb_.empty() ? "adb" : adb_,
+         std::to_string(port_), home_},
+        Environment(), tarnwell::Deadline::AfterMs(kWatchdogStartTimeoutMs), {ends.read.get(), true});
+    if (shell.started) watchdog_ = std::move(ends.write);
+  }
 }
 
 PrivateAdbServer::~PrivateAdbServer() {
   KillServer();
+  watchdog_.reset();  // finds nothing left to stop
   std::error_code ignored;
   std::filesystem::remove_all(home_, ignored);
 }

@@ -1,6 +1,8 @@
 // A real adb server of one's own: a free loopback port, a temporary HOME (adb needs a writable
 // $HOME/.android), every adb command bounded in time, and on destruction `kill-server`, then
-// SIGKILL to whatever server process still serves the port, then the HOME removed.
+// SIGKILL to whatever server process still serves the port, then the HOME removed. When the
+// process dies without its destructor (killed at a test's timeout, say), a watchdog that outlives
+// it runs `kill-server` and removes the HOME: adb's server is a daemon and would stay behind.
 #pragma once
 
 #include <cstdint>
@@ -9,14 +11,17 @@
 #include <vector>
 
 #include "Subprocess.h"
+#include "UniqueFd.h"
 
 namespace sim_phone {
 
 class PrivateAdbServer {
  public:
-  // Picks the port and HOME; starts nothing. The server looks for emulators (device daemons on
-  // 127.0.0.1:5555, 5557, ... when it starts) only when asked to: a test's server would otherwise
-  // attach the emulator ports of whatever else runs on the machine.
+  // Picks the port and HOME and starts the watchdog of whatever server will serve that port (this
+  // process's `adb start-server`, or a library asked to start one); starts no server. The server
+  // looks for emulators (device daemons on 127.0.0.1:5555, 5557, ... when it starts) only when
+  // asked to: a test's server would otherwise attach the emulator ports of whatever else runs on
+  // the machine.
   explicit PrivateAdbServer(bool scan_emulator_ports = false);
   ~PrivateAdbServer();
   PrivateAdbServer(const PrivateAdbServer&) = delete;
@@ -51,6 +56,7 @@ class PrivateAdbServer {
   std::string home_;
   std::string adb_;
   bool scan_emulator_ports_ = false;
+  posix::UniqueFd watchdog_;  // the watchdog acts once this end is closed, by us or by our death
 };
 
 }  // namespace sim_phone

@@ -35,7 +35,8 @@ const char kUsage[] =
     "  --connect              run 'adb connect' against $ANDROID_ADB_SERVER_PORT (or 5037)\n"
     "  --own-server           start a private adb server (temporary HOME, free port), print its\n"
     "                         port, connect to it, and kill it on exit\n"
-    "Commands on stdin, one a line: authorize, leave, return, drop-on-open, keep-on-open, quit.\n"
+    "Commands on stdin, one a line: authorize, leave, return, drop-on-open, keep-on-open, quit\n"
+    "(the end of stdin quits too).\n"
     "Signals: SIGUSR1 authorize, SIGUSR2 leave, SIGINT/SIGTERM/SIGHUP quit.\n";
 
 class CommandQueue {
@@ -170,6 +171,7 @@ int main(int argc, char** argv) {
   std::thread([&queue] {
     std::string line;
     while (std::getline(std::cin, line)) queue.Push(line);
+    queue.Push("quit");  // whoever drove the phone has gone: so does the phone
   }).detach();
 
   for (;;) {

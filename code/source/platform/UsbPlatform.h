@@ -37,12 +37,15 @@ inline constexpr uint8_t kUsbRequestGetDescriptor = 6;
 inline constexpr uint8_t kUsbDescriptorTypeString = 3;
 inline constexpr uint16_t kUsbLanguageEnglishUs = 0x0409;
 
-// One interface a device declares, by its USB-IF class codes.
-struct UsbInterfaceClass {
-  uint8_t bInterfaceClass = 0;
-  uint8_t bInterfaceSubClass = 0;
-  uint8_t bInterfaceProtocol = 0;
+// USB-IF class codes: of one interface a device declares, or of the device descriptor itself.
+struct UsbClassCodes {
+  uint8_t class_code = 0;
+  uint8_t subclass = 0;
+  uint8_t protocol = 0;
 };
+
+// The two strings the watcher reads, by what they name.
+enum class UsbString { kManufacturer, kProduct };
 
 // One standard control transfer, device to host (the fields of USB 2.0's SETUP packet).
 struct UsbDeviceRequest {
@@ -84,13 +87,20 @@ class UsbPlatform {
   virtual int GetDeviceProduct(UsbDeviceInterface* device, uint16_t* pid) = 0;
   virtual int GetManufacturerStringIndex(UsbDeviceInterface* device, uint8_t* index) = 0;
   virtual int GetProductStringIndex(UsbDeviceInterface* device, uint8_t* index) = 0;
+  // The system's own UTF-8 copy of the device's string, read at enumeration (Linux: sysfs; macOS:
+  // the registry); false when it keeps none, and the watcher then asks the device.
+  virtual bool GetStringText(UsbDeviceInterface* /*device*/, UsbString /*which*/, std::string* /*text*/) {
+    return false;
+  }
   // One synchronous control transfer with a bounded time; 0 on success with wLenDone filled.
   virtual int DeviceRequest(UsbDeviceInterface* device, UsbDeviceRequest* request) = 0;
   virtual void ReleaseDeviceInterface(UsbDeviceInterface* device) = 0;
+  // The class codes of the device descriptor; false when the platform cannot tell.
+  virtual bool GetDeviceClass(UsbDeviceInterface* /*device*/, UsbClassCodes* /*codes*/) { return false; }
   // The interfaces of the device's configuration descriptors, read without asking the device.
   // False when the platform cannot tell; no device is then passed over for its interfaces.
   virtual bool GetInterfaceClasses(UsbDeviceInterface* /*device*/,
-                                   std::vector<UsbInterfaceClass>* /*interfaces*/) {
+                                   std::vector<UsbClassCodes>* /*interfaces*/) {
     return false;
   }
   // Registers for the device's notifications: 0 with *notification set, or a non-zero code.

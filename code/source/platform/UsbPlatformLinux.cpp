@@ -1,9 +1,8 @@
 // The USB watcher's platform on Linux: libudev for the devices attached at the start and for
 // later add/remove events, sysfs for serial number, descriptor fields and strings. The kernel
-// read the manufacturer and product strings at enumeration and keeps them in sysfs, readable by
-// anyone; a usbfs control transfer is made only for a string sysfs lacks. Without write access
-// to the node (every desktop user without udev rules) usbfs refuses transfers, so a refusal that
-// is the host's own falls back to sysfs as well.
+// read the manufacturer and product strings at enumeration and keeps them in sysfs as UTF-8,
+// readable by anyone; a usbfs control transfer is made only for a string sysfs lacks, and without
+// write access to the node (every desktop user without udev rules) usbfs refuses it.
 #include <fcntl.h>
 #include <libudev.h>
 #include <linux/usbdevice_fs.h>
@@ -58,10 +57,10 @@ struct LinuxUsbPlugIn : UsbPlugIn {
 struct LinuxUsbDeviceInterface : UsbDeviceInterface {
   UsbDeviceDescriptorFields fields;
   bool has_interfaces = false;
-  std::vector<UsbInterfaceClass> interfaces;
+  std::vector<UsbClassCodes> interfaces;
   DeviceNames names;
   bool path_logged = false;
-  bool node_unusable = false;  // once the host refused a transfer, sysfs answers the rest
+  int node_refusal = 0;  // once the host refused a transfer, the rest get the same answer
 };
 
 struct LinuxUsbNotification : UsbNotification {
@@ -113,11 +112,6 @@ DeviceNames NamesOf(udev_device* device) {
   return names;
 }
 
-bool IsStringRequest(const UsbDeviceRequest& request) {
-  return request.bmRequestType == kUsbRequestTypeStandardDeviceIn &&
-         request.bRequest == kUsbRequestGetDescriptor && (request.wValue >> 8) == kUsbDescriptorTypeString;
-}
-
 // The kernel's text for a string index, when sysfs holds one.
 const std::string* SysfsText(const LinuxUsbDeviceInterface& device, uint8_t index) {
   if (index == 0) return nullptr;
@@ -126,14 +120,6 @@ const std::string* SysfsText(const LinuxUsbDeviceInterface& device, uint8_t inde
   }
   if (index == device.fields.product_index && device.names.has_product) return &device.names.product;
   return nullptr;
-}
-
-// Whether sysfs answers this request without the device: index 0 (the language table, which the
-// kernel read too) and every index the kernel kept text for.
-bool SysfsAnswers(const LinuxUsbDeviceInterface& device, const UsbDeviceRequest& request) {
-  if (!IsStringRequest(request)) return false;
-  const auto index = static_cast<uint8_t>(request.wValue & 0xFF);
-  return index == 0 || SysfsText(device, index) != nullptr;
 }
 
 // Refusals by this host (rights, a read-only descriptor, a node that is not usbfs), as opposed
@@ -151,25 +137,6 @@ bool IsHostRefusal(int error) {
     default:
       return false;
   }
-}
-
-// The answer to a string request without the device: what the kernel read from it at
-// enumeration, turned back into a descriptor. A stall (EPIPE) for a string sysfs lacks.
-int StringRequestFromSysfs(const LinuxUsbDeviceInterface& device, UsbDeviceRequest* request) {
-  if (!IsStringRequest(*request)) return EPIPE;
-  const auto index = static_cast<uint8_t>(request->wValue & 0xFF);
-  std::vector<unsigned char> answer;
-  if (index == 0) {
-    answer = LanguageTableDescriptor();
-  } else if (const std::string* text = SysfsText(device, index)) {
-    answer = BuildStringDescriptorFromText(*text);
-  } else {
-    return EPIPE;
-  }
-  const size_t n = std::min<size_t>(answer.size(), request->wLength);
-  std::memcpy(request->pData, answer.data(), n);
-  request->wLenDone = static_cast<uint32_t>(n);
-  return 0;
 }
 
 // One usbfs control transfer on the node, opened for it; 0 or an errno code.
@@ -324,24 +291,37 @@ class LinuxUsbPlatform : public UsbPlatform {
     return 0;
   }
 
+  bool GetStringText(UsbDeviceInterface* handle, UsbString which, std::string* text) override {
+    LinuxUsbDeviceInterface* device = Interface(handle);
+    LogWayOnce(device);
+    const uint8_t index = which == UsbString::kManufacturer ? device->fields.manufacturer_index
+                                                            : device->fields.product_index;
+    const std::string* kept = SysfsText(*device, index);
+    if (kept != nullptr) *text = *kept;
+    return kept != nullptr;
+  }
+
   int DeviceRequest(UsbDeviceInterface* handle, UsbDeviceRequest* request) override {
     LinuxUsbDeviceInterface* device = Interface(handle);
     request->wLenDone = 0;
     LogWayOnce(device);
-    if (device->node_unusable || SysfsAnswers(*device, *request)) {
-      return StringRequestFromSysfs(*device, request);
-    }
+    if (device->node_refusal != 0) return device->node_refusal;
     const int error = ControlTransfer(device->names.devnode, request);
     if (error == 0 || !IsHostRefusal(error)) return error;
-    device->node_unusable = true;
-    Log(QUENWICK_LEVEL_INFO, "usb device %s: control transfer on %s refused (%s); sysfs answers the rest",
+    device->node_refusal = error;
+    Log(QUENWICK_LEVEL_INFO, "usb device %s: control transfer on %s refused (%s); strings sysfs lacks stay empty",
         device->names.syspath.c_str(), device->names.devnode.c_str(), ErrorText(error).c_str());
-    return StringRequestFromSysfs(*device, request);
+    return error;
   }
 
   void ReleaseDeviceInterface(UsbDeviceInterface* device) override { delete Interface(device); }
 
-  bool GetInterfaceClasses(UsbDeviceInterface* device, std::vector<UsbInterfaceClass>* interfaces) override {
+  bool GetDeviceClass(UsbDeviceInterface* device, UsbClassCodes* codes) override {
+    *codes = Interface(device)->fields.device_class;
+    return true;
+  }
+
+  bool GetInterfaceClasses(UsbDeviceInterface* device, std::vector<UsbClassCodes>* interfaces) override {
     *interfaces = Interface(device)->interfaces;
     return Interface(device)->has_interfaces;
   }

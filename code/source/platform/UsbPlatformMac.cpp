@@ -1,6 +1,7 @@
 // The USB watcher's platform on macOS: IOKit matching and interest notifications delivered on the
-// watcher thread's run loop, the registry's serial number property, and string descriptors read
-// through the USB device interface without opening the device.
+// watcher thread's run loop, the registry's serial number and string properties, and string
+// descriptors read through the USB device interface without opening the device, for a string the
+// registry lacks.
 #include <CoreFoundation/CoreFoundation.h>
 #include <IOKit/IOCFPlugIn.h>
 #include <IOKit/IOKitLib.h>
@@ -22,6 +23,8 @@ namespace {
 constexpr mach_port_t kDefaultMainPort = MACH_PORT_NULL;
 constexpr UInt32 kControlTimeoutMs = 1000;
 constexpr CFIndex kSerialNumberBufferSize = 260;  // text and its terminating zero
+// A string descriptor holds at most 126 UTF-16 units, each at most 3 bytes of UTF-8.
+constexpr CFIndex kStringTextBufferSize = 126 * 3 + 1;
 constexpr uint8_t kInterfaceDescriptorType = 4;
 constexpr size_t kInterfaceDescriptorLength = 9;
 
@@ -67,17 +70,45 @@ struct MacUsbService : UsbService {
 struct MacUsbIterator : UsbIterator {
   ObjectReleaser iterator;
 };
+// IOKit's decoded copies of the device's manufacturer and product strings, from its registry
+// entry; absent when the device has none or IOKit could not read them.
+struct RegistryStrings {
+  bool has_manufacturer = false;
+  bool has_product = false;
+  std::string manufacturer;
+  std::string product;
+};
 struct MacUsbPlugIn : UsbPlugIn {
   IOCFPlugInInterface** plugIn = nullptr;
+  RegistryStrings strings;
 };
 struct MacUsbDeviceInterface : UsbDeviceInterface {
   DeviceTable** device = nullptr;
+  RegistryStrings strings;
 };
 struct MacUsbNotification : UsbNotification {
   ObjectReleaser registration;
   UsbDeviceRemovedCallback callback = nullptr;
   void* refCon = nullptr;
 };
+
+// A registry property as UTF-8 text; false when it is absent, no text, or longer than size - 1 bytes.
+// The property is whatever the device's driver published: only a text is converted.
+bool PropertyText(const CFHolder& property, CFIndex size, std::string* text) {
+  if (property == nullptr || CFGetTypeID(property.get()) != CFStringGetTypeID()) return false;
+  std::vector<char> buffer(static_cast<size_t>(size));
+  if (!CFStringGetCString(static_cast<CFStringRef>(property.get()), buffer.data(), size, kCFStringEncodingUTF8)) {
+    return false;
+  }
+  *text = buffer.data();
+  return true;
+}
+
+// A text property of the device's own registry entry ("USB Vendor Name", say).
+bool RegistryText(io_service_t service, CFStringRef key, std::string* text) {
+  return PropertyText(CFHolder(IORegistryEntryCreateCFProperty(service, key, kCFAllocatorDefault, 0)),
+                      kStringTextBufferSize, text);
+}
 
 io_service_t ServiceOf(UsbService* service) { return static_cast<MacUsbService*>(service)->service; }
 DeviceTable** DeviceOf(UsbDeviceInterface* device) {
@@ -147,16 +178,7 @@ class MacUsbPlatform : public UsbPlatform {
     const CFHolder property(IORegistryEntrySearchCFProperty(ServiceOf(service), kIOServicePlane,
                                                             CFSTR(kUSBSerialNumberString), kCFAllocatorDefault,
                                                             kIORegistryIterateRecursively));
-    if (property == nullptr) return false;
-    // The property is whatever the device's driver published: only a text is converted.
-    if (CFGetTypeID(property.get()) != CFStringGetTypeID()) return false;
-    char buffer[kSerialNumberBufferSize] = {};
-    if (!CFStringGetCString(static_cast<CFStringRef>(property.get()), buffer, sizeof buffer,
-                            kCFStringEncodingUTF8)) {
-      return false;
-    }
-    *serial = buffer;
-    return true;
+    return PropertyText(property, kSerialNumberBufferSize, serial);
   }
 
   int CreatePlugInInterface(UsbService* service, UsbPlugIn** plugIn) override {
@@ -168,13 +190,17 @@ class MacUsbPlatform : public UsbPlatform {
     if (kr != KERN_SUCCESS || created == nullptr) return kr;
     auto* wrapped = new MacUsbPlugIn;
     wrapped->plugIn = created;
+    RegistryStrings& strings = wrapped->strings;
+    strings.has_manufacturer = RegistryText(ServiceOf(service), CFSTR(kUSBVendorString), &strings.manufacturer);
+    strings.has_product = RegistryText(ServiceOf(service), CFSTR(kUSBProductString), &strings.product);
     *plugIn = wrapped;
     return 0;
   }
 
   int QueryDeviceInterface(UsbPlugIn* plugIn, UsbDeviceInterface** device) override {
     *device = nullptr;
-    IOCFPlugInInterface** source = static_cast<MacUsbPlugIn*>(plugIn)->plugIn;
+    auto* wrapped_plugIn = static_cast<MacUsbPlugIn*>(plugIn);
+    IOCFPlugInInterface** source = wrapped_plugIn->plugIn;
     HRESULT answer = E_NOINTERFACE;
     for (size_t rank = 0; answer == E_NOINTERFACE && DeviceInterfaceId(rank) != nullptr; ++rank) {
       DeviceTable** found = nullptr;
@@ -183,6 +209,7 @@ class MacUsbPlatform : public UsbPlatform {
       if (answer == S_OK && found != nullptr) {
         auto* wrapped = new MacUsbDeviceInterface;
         wrapped->device = found;
+        wrapped->strings = wrapped_plugIn->strings;
         *device = wrapped;
         return 0;
       }
@@ -210,6 +237,14 @@ class MacUsbPlatform : public UsbPlatform {
     return (*DeviceOf(device))->USBGetProductStringIndex(DeviceOf(device), index);
   }
 
+  bool GetStringText(UsbDeviceInterface* device, UsbString which, std::string* text) override {
+    const RegistryStrings& strings = static_cast<MacUsbDeviceInterface*>(device)->strings;
+    const bool manufacturer = which == UsbString::kManufacturer;
+    if (!(manufacturer ? strings.has_manufacturer : strings.has_product)) return false;
+    *text = manufacturer ? strings.manufacturer : strings.product;
+    return true;
+  }
+
   int DeviceRequest(UsbDeviceInterface* device, UsbDeviceRequest* request) override {
     // DeviceRequestTO, on the unopened device: the plain DeviceRequest waits as long as the
     // device takes, and one silent device would hold up every later arrival.
@@ -227,8 +262,16 @@ class MacUsbPlatform : public UsbPlatform {
     return kr;
   }
 
+  // From the device descriptor IOKit read at enumeration.
+  bool GetDeviceClass(UsbDeviceInterface* handle, UsbClassCodes* codes) override {
+    DeviceTable** device = DeviceOf(handle);
+    return (*device)->GetDeviceClass(device, &codes->class_code) == kIOReturnSuccess &&
+           (*device)->GetDeviceSubClass(device, &codes->subclass) == kIOReturnSuccess &&
+           (*device)->GetDeviceProtocol(device, &codes->protocol) == kIOReturnSuccess;
+  }
+
   // From the configuration descriptors IOKit read at enumeration: nothing is sent to the device.
-  bool GetInterfaceClasses(UsbDeviceInterface* handle, std::vector<UsbInterfaceClass>* interfaces) override {
+  bool GetInterfaceClasses(UsbDeviceInterface* handle, std::vector<UsbClassCodes>* interfaces) override {
     interfaces->clear();
     DeviceTable** device = DeviceOf(handle);
     UInt8 count = 0;

@@ -1,24 +1,14 @@
 #include "UsbSysfsLinux.h"
 
-#include "Common.h"
-
 namespace {
 
 constexpr size_t kDeviceDescriptorLength = 18;
 constexpr uint8_t kDeviceDescriptorType = 1;
-constexpr uint8_t kStringDescriptorType = 3;
 constexpr uint8_t kInterfaceDescriptorType = 4;
 constexpr size_t kInterfaceDescriptorLength = 9;
-constexpr size_t kMaxStringUnits = (255 - 2) / 2;
-constexpr char32_t kReplacementCharacter = 0xFFFD;
 
 uint16_t Little16(const unsigned char* bytes) {
   return static_cast<uint16_t>(bytes[0] | (bytes[1] << 8));
-}
-
-void AppendUnit(std::vector<unsigned char>* out, char32_t unit) {
-  out->push_back(static_cast<unsigned char>(unit & 0xFF));
-  out->push_back(static_cast<unsigned char>((unit >> 8) & 0xFF));
 }
 
 }  // namespace
@@ -30,11 +20,12 @@ bool ParseDeviceDescriptor(const unsigned char* data, size_t size, UsbDeviceDesc
   fields->pid = Little16(data + 10);
   fields->manufacturer_index = data[14];
   fields->product_index = data[15];
+  fields->device_class = {data[4], data[5], data[6]};
   return true;
 }
 
 bool ParseInterfaceClasses(const unsigned char* data, size_t size,
-                           std::vector<UsbInterfaceClass>* interfaces) {
+                           std::vector<UsbClassCodes>* interfaces) {
   interfaces->clear();
   if (data == nullptr || size < kDeviceDescriptorLength) return false;
   for (size_t at = kDeviceDescriptorLength; at < size;) {
@@ -47,27 +38,3 @@ bool ParseInterfaceClasses(const unsigned char* data, size_t size,
   }
   return !interfaces->empty();
 }
-
-std::vector<unsigned char> BuildStringDescriptorFromText(const std::string& utf8) {
-  std::vector<unsigned char> descriptor = {0, kStringDescriptorType};
-  size_t units = 0;
-  for (size_t pos = 0; pos < utf8.size();) {
-    char32_t code = kReplacementCharacter;
-    if (!DecodeUtf8Sequence(utf8, &pos, &code)) ++pos;  // one byte that is no UTF-8 -> U+FFFD
-    if (code < 0x10000) {
-      if (units + 1 > kMaxStringUnits) break;
-      AppendUnit(&descriptor, code);
-      units += 1;
-    } else {
-      if (units + 2 > kMaxStringUnits) break;
-      const char32_t offset = code - 0x10000;
-      AppendUnit(&descriptor, 0xD800 + (offset >> 10));
-      AppendUnit(&descriptor, 0xDC00 + (offset & 0x3FF));
-      units += 2;
-    }
-  }
-  descriptor[0] = static_cast<unsigned char>(descriptor.size());
-  return descriptor;
-}
-
-std::vector<unsigned char> LanguageTableDescriptor() { return {4, kStringDescriptorType, 0x09, 0x04}; }

@@ -150,6 +150,9 @@ Device& DeviceOf(void* self) { return static_cast<ComObject*>(self)->device; }
 const IOUSBDeviceInterface942 kDeviceTable = [] {
   IOUSBDeviceInterface942 table = {};
   table.Release = Release;
+  table.GetDeviceClass = [](void* self, UInt8* c) { return *c = DeviceOf(self).device_class.class_code, 0; };
+  table.GetDeviceSubClass = [](void* self, UInt8* c) { return *c = DeviceOf(self).device_class.subclass, 0; };
+  table.GetDeviceProtocol = [](void* self, UInt8* c) { return *c = DeviceOf(self).device_class.protocol, 0; };
   table.GetDeviceVendor = [](void* self, UInt16* vid) { return *vid = DeviceOf(self).vid, kIOReturnSuccess; };
   table.GetDeviceProduct = [](void* self, UInt16* pid) { return *pid = DeviceOf(self).pid, kIOReturnSuccess; };
   table.USBGetManufacturerStringIndex = [](void* self, UInt8* i) { return *i = DeviceOf(self).manufacturer_index, 0; };
@@ -375,6 +378,14 @@ kern_return_t IOServiceAddInterestNotification(IONotificationPortRef, io_service
                                callback(refCon, s, type, nullptr);
                              }});
   return KERN_SUCCESS;
+}
+
+CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef, IOOptionBits) {
+  Lock lock(g.mutex);
+  const Device& device = Find(entry, "service")->device;
+  const auto& text = key->text == kUSBVendorString ? device.vendor_name
+                     : key->text == kUSBProductString ? device.product_name : std::nullopt;
+  return text ? new __CFString(kString, *text) : nullptr;
 }
 
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,

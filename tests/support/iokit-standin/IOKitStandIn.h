@@ -28,7 +28,9 @@ struct Device {
   bool serial_is_number = false;      // the property holds a number instead of a text
   uint16_t vid = 0, pid = 0;
   uint8_t manufacturer_index = 1, product_index = 2;
+  UsbClassCodes device_class = {};
   std::map<uint8_t, StringAnswer> strings = {};   // an index not here stalls
+  std::optional<std::string> vendor_name = std::nullopt, product_name = std::nullopt;  // "USB Vendor Name" ...
   std::vector<unsigned char> configuration = {};  // its one configuration descriptor; none if empty
   int plugin_result = 0;
   bool plugin_missing = false;  // the plug-in call succeeds without a plug-in

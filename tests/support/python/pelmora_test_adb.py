@@ -5,6 +5,12 @@ import os
 import socket
 import subprocess
 import sys
+import time
+
+# Kills the server on port $2 with adb $1 once stdin ends (kill(), or the test's death), thrice for one still
+# starting, from a shell in a session of its own that nothing killing the test reaches (as PrivateAdbServer).
+WATCHDOG = ("exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-;"
+            " for try in 1 2 3; do \"$1\" -P \"$2\" kill-server; sleep 1; done ) </dev/null >/dev/null 2>&1 &")
 
 
 def run(cmd, env=None, timeout=120, check=True, **kwargs):
@@ -15,13 +21,21 @@ def run(cmd, env=None, timeout=120, check=True, **kwargs):
     return result
 
 
+def wait_until(predicate, seconds=20):
+    deadline = time.monotonic() + seconds
+    while not predicate() and time.monotonic() < deadline:
+        time.sleep(0.05)
+    return predicate()
+
+
 def expect(condition, message):
     if not condition:
         sys.exit("FAILED: " + message)
 
 
 class PrivateAdb:
-    """A real adb server on a port of its own; env is what a client of it runs with."""
+    """A real adb server on a port of its own, killed by a watchdog whoever starts it, even when the test dies
+    before kill(); env is what a client of it runs with."""
 
     def __init__(self, work):
         with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
@@ -32,12 +46,19 @@ class PrivateAdb:
         # ADB_EMU=0: no look at the emulator ports, which other tests' phones may hold.
         self.env = dict(os.environ, HOME=home, ANDROID_ADB_SERVER_PORT=str(self.port), ADB_EMU="0")
         self.env.pop("ADB_VENDOR_KEYS", None)
+        self.watchdog = subprocess.Popen(["/bin/sh", "-c", WATCHDOG, "pelmora-adb-watchdog", "adb", str(self.port)],
+                                         env=self.env, stdin=subprocess.PIPE, start_new_session=True)
+        self.watchdog.wait(timeout=10)
 
     def start(self):
         run(["adb", "-P", str(self.port), "start-server"], env=self.env, timeout=30)
 
+    def server_pids(self):
+        return [int(p) for p in run(["pgrep", "-f", "tcp:%d fork-server" % self.port], check=False).stdout.split()]
+
     def kill(self):
         run(["adb", "-P", str(self.port), "kill-server"], env=self.env, timeout=30, check=False)
+        self.watchdog.stdin.close()
 
 
 class SimPhone:
@@ -54,7 +75,7 @@ class SimPhone:
 
     def stop(self):
         try:
-            self.process.communicate("quit\n", timeout=10)
+            self.process.communicate(timeout=10)  # the end of its stdin quits it
         except (subprocess.TimeoutExpired, BrokenPipeError, ValueError):
             self.process.kill()
             self.process.communicate()

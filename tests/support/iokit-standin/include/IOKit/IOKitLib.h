@@ -50,6 +50,8 @@ kern_return_t IOServiceAddMatchingNotification(IONotificationPortRef notifyPort,
 kern_return_t IOServiceAddInterestNotification(IONotificationPortRef notifyPort, io_service_t service,
                                                const io_name_t interestType, IOServiceInterestCallback callback,
                                                void* refCon, io_object_t* notification);
+CFTypeRef IORegistryEntryCreateCFProperty(io_registry_entry_t entry, CFStringRef key, CFAllocatorRef allocator,
+                                          IOOptionBits options);
 CFTypeRef IORegistryEntrySearchCFProperty(io_registry_entry_t entry, const io_name_t plane, CFStringRef key,
                                           CFAllocatorRef allocator, IOOptionBits options);
 

@@ -9,6 +9,8 @@ extern "C" {
 
 #define kIOUSBDeviceClassName "IOUSBDevice"
 #define kUSBSerialNumberString "USB Serial Number"
+#define kUSBVendorString "USB Vendor Name"
+#define kUSBProductString "USB Product Name"
 
 #define kIOUSBDeviceUserClientTypeID                                                           \
   CFUUIDGetConstantUUIDWithBytes(NULL, 0x9D, 0xC7, 0xB7, 0x80, 0x9E, 0xC0, 0x11, 0xD4, 0xA5, \
@@ -40,7 +42,8 @@ typedef struct IOUSBDeviceStruct942 {
   void *CreateDeviceAsyncEventSource, *GetDeviceAsyncEventSource, *CreateDeviceAsyncPort, *GetDeviceAsyncPort;
   IOReturn (*USBDeviceOpen)(void* self);
   IOReturn (*USBDeviceClose)(void* self);
-  void *GetDeviceClass, *GetDeviceSubClass, *GetDeviceProtocol;
+  IOReturn (*GetDeviceClass)(void* self, UInt8* devClass), (*GetDeviceSubClass)(void* self, UInt8* devSubClass),
+      (*GetDeviceProtocol)(void* self, UInt8* devProtocol);
   IOReturn (*GetDeviceVendor)(void* self, UInt16* devVendor);
   IOReturn (*GetDeviceProduct)(void* self, UInt16* devProduct);
   void *GetDeviceReleaseNumber, *GetDeviceAddress, *GetDeviceBusPowerAvailable, *GetDeviceSpeed;
