@@ -92,8 +92,9 @@ struct AdbState {
   const char* adb_state;
   const char* status;
 };
+// Not "offline": a phone that arrives offline is held back while adb finishes its handshake.
 constexpr AdbState kAdbStates[] = {
-    {"unauthorized", "UnauthoredConnect"}, {"offline", "OfflineConnect"}, {"device", "AuthoredConnect"}};
+    {"unauthorized", "UnauthoredConnect"}, {"recovery", "AdbConnect"}, {"device", "AuthoredConnect"}};
 
 int Soak(int cycles) {
   sim_adb::SimAdbServer server;

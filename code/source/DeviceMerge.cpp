@@ -11,11 +11,13 @@ bool NumbersDiffer(const DeviceBasicInfo_& a, const DeviceBasicInfo_& b) {
 // What a device waits for before the host hears of it, if anything.
 bool AwaitedNews(const std::string& key, const DeviceBasicInfo_& device, DeviceConnectStatus told_before,
                  const PollViews& views, ReportHold::Kind* kind) {
+  *kind = ReportHold::kAwaitingAdb;
   if (device.status == MtpConnect && told_before == NotConnect && views.adb != nullptr) {
     const auto usb = views.usb->find(key);
-    *kind = ReportHold::kAwaitingAdb;
     return usb != views.usb->end() && usb->second.adb_interface;
   }
+  // adb lists a phone it has just found as offline until the phone answers its handshake.
+  if (device.status == OfflineConnect && (told_before == NotConnect || told_before == MtpConnect)) return true;
   *kind = ReportHold::kAwaitingDetails;
   return device.status == AuthoredConnect && told_before != AuthoredConnect &&
          (views.details_ready == nullptr || views.details_ready->count(key) == 0);

@@ -18,7 +18,8 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 // How long a first report waits for news that is on its way, so that the host hears one true
 // state instead of a passing one:
 // - a USB device that declares adb's interface waits for the ADB server to list it (the server
-//   scans USB about once a second), instead of showing as "debugging off" meanwhile;
+//   scans USB about once a second), instead of showing as "debugging off" meanwhile, and a phone
+//   the server has just found waits while it is offline (until it answers adb's handshake);
 // - a phone that has just become authorised waits for its manufacturer, model and version
 //   (a real phone answers in tens of milliseconds), so that they come in the same entry.
 inline constexpr std::chrono::milliseconds kAdbListingWait{1500};

@@ -107,7 +107,7 @@ Strings Entries(const std::string& report) {
 TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
   const auto stick = UsbDevice("stick", 65535, 2);
   const auto a1 = UsbDevice("a1", 1256, 1);
-  const AdbList a1b2 = {{"a1", DeviceUnauthored}, {"b2", DeviceOffline}};
+  const AdbList a1b2 = {{"a1", DeviceUnauthored}, {"b2", DeviceNotUsableThroughAdb}};
   const auto gx7 = UsbDevice("GX7", 6353, 20199, "Google", "Pixel\\u 8 USB");
   const AdbList on = {{"GX7", DeviceAuthored}};
   const std::string gx7_on = "gx7:AuthoredConnect->AuthoredConnect Google|";
@@ -118,9 +118,9 @@ TEST_F(Listener, EachPollReportsWhatChangedAndItsTextsOnceInOrder) {
        {{stick}, {}, 6, {"stick:MtpConnect->MtpConnect#6"}}, {{stick}, {}, 6, {}}, {{stick}, {}, 6, {}},
        {{stick}, {}, -1, {"stick:MtpConnect->MtpConnect#-1"}}},
       // A dropped query moves phones to the USB view and back, without a second snapshot.
-      {{{a1}, a1b2, 0, {"a1:NotConnect->UnauthoredConnect Samsung|//", "b2:NotConnect->OfflineConnect"}},
-       {{a1}, {}, 9, {"a1:UnauthoredConnect->MtpConnect#9 Samsung|//", "b2:OfflineConnect->NotConnect#9"}},
-       {{a1}, a1b2, 0, {"a1:MtpConnect->UnauthoredConnect Samsung|//", "b2:NotConnect->OfflineConnect"}}},
+      {{{a1}, a1b2, 0, {"a1:NotConnect->UnauthoredConnect Samsung|//", "b2:NotConnect->AdbConnect"}},
+       {{a1}, {}, 9, {"a1:UnauthoredConnect->MtpConnect#9 Samsung|//", "b2:AdbConnect->NotConnect#9"}},
+       {{a1}, a1b2, 0, {"a1:MtpConnect->UnauthoredConnect Samsung|//", "b2:NotConnect->AdbConnect"}}},
       // White-listed phones first, each group in key order. The vendor: the USB string of a listed
       // vendor, else the list's name; none for an unlisted vendor, for no ID, and for chipset
       // vendors, whose list name says nothing of the phone's maker.
@@ -218,6 +218,11 @@ TEST(DeviceTableSteps, HeldDevicesWaitForTheirNewsOrTheirBoundAndHoldUpNoOther) 
       {{0, {debug}, AdbList{}, {}, {}}, {adb_wait - 1, {debug, other}, AdbList{}, {}, {"q:NotConnect->MtpConnect"}},
        {adb_wait - 1, {debug, other}, AdbList{{"p", DeviceUnauthored}}, {}, {"p:NotConnect->UnauthoredConnect"}}},
       {{0, {debug}, AdbList{}, {}, {}}, {adb_wait, {debug}, AdbList{}, {}, {"p:NotConnect->MtpConnect"}}},
+      // A phone adb has just found is offline until it answers; one that stays so is told.
+      {{0, {plain}, AdbList{}, {}, {"p:NotConnect->MtpConnect"}}, {1, {plain}, AdbList{{"p", DeviceOffline}}, {}, {}},
+       {2, {plain}, AdbList{{"p", DeviceUnauthored}}, {}, {"p:MtpConnect->UnauthoredConnect"}},
+       {3, {plain}, AdbList{{"p", DeviceOffline}}, {}, {"p:UnauthoredConnect->OfflineConnect"}}},
+      {{0, {}, AdbList{{"p", DeviceOffline}}, {}, {}}, {adb_wait, {}, AdbList{{"p", DeviceOffline}}, {}, {"p:NotConnect->OfflineConnect"}}},
       // Without adb's interface, or without a server to ask, nothing is awaited.
       {{0, {plain}, AdbList{}, {}, {"p:NotConnect->MtpConnect"}}},
       {{0, {debug}, std::nullopt, {}, {"p:NotConnect->MtpConnect#"}}},
