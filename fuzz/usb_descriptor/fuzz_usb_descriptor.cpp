@@ -12,15 +12,6 @@
 #include "ListenDeviceChangeMac.h"
 #include "UsbSysfsLinux.h"
 
-// Valid UTF-8 of at most three bytes per transferred unit, and never a zero byte inside.
-static void CheckDecoded(const unsigned char* descriptor, uint32_t transferred) {
-  const std::string text = DecodeStringDescriptor(0, descriptor, transferred);
-  if (text.size() > transferred / 2 * 3 || text.find('\0') != std::string::npos ||
-      Latin1FallbackUtf8(text) != text) {
-    std::abort();
-  }
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   const uint8_t selector = data[0];
@@ -30,8 +21,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     unsigned char buffer[256] = {};
     const size_t n = std::min(bytes.size(), sizeof buffer);
     std::copy_n(bytes.begin(), n, buffer);
-    const uint32_t transferred = static_cast<uint32_t>(selector / 2 % 2 == 0 ? n : (selector * 7u) % 257);
-    CheckDecoded(buffer, std::min<uint32_t>(transferred, 256));
+    const uint32_t transferred =
+        std::min<uint32_t>(static_cast<uint32_t>(selector / 2 % 2 == 0 ? n : (selector * 7u) % 257), 256);
+    const std::string text = DecodeStringDescriptor(0, buffer, transferred);
+    // Valid UTF-8 of at most three bytes per transferred unit, and never a zero byte inside.
+    if (text.size() > transferred / 2 * 3 || text.find('\0') != std::string::npos || Latin1FallbackUtf8(text) != text) {
+      std::abort();
+    }
   } else {
     UsbDeviceDescriptorFields fields;
     (void)ParseDeviceDescriptor(bytes.data(), bytes.size(), &fields);

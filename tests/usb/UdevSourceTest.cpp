@@ -1,23 +1,14 @@
-// The Linux USB source through real libudev and usbfs calls, against devices that umockdev
-// simulates: the initial enumeration, add and remove events, the kernel's sysfs strings, and
-// control transfers answered (or refused) by a simulated device node for strings sysfs lacks.
-#include <gtest/gtest.h>
-
-#include <chrono>
+// The Linux USB source through real libudev and usbfs calls, against devices umockdev simulates.
 #include <functional>
 #include <iterator>
 #include <optional>
 
 #include "Eventually.h"
-#include "FakeTarnwell.h"
-#include "ListenDeviceChangeMac.h"
-#include "LogCapture.h"
-#include "UsbTestLists.h"
 #include "UsbTestbed.h"
+#include "UsbWatcherTest.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using Change = std::function<void(SimulatedUsbDevice&)>;
 
 SimulatedUsbDevice Phone(int number, const std::string& serial, const Change& change = nullptr) {
@@ -32,33 +23,20 @@ SimulatedUsbDevice Phone(int number, const std::string& serial, const Change& ch
   return device;
 }
 
-class UdevSource : public ::testing::Test {
+class UdevSource : public UsbWatcherTest {
  protected:
-  static void SetUpTestSuite() { LoadUsbTestFilterLists(); }
-
   void SetUp() override {
     ASSERT_TRUE(UmockdevPreloaded()) << "run with LD_PRELOAD=libumockdev-preload.so.0";
-    fake_adb::Reset();
-    log_capture::Clear();
+    UsbWatcherTest::SetUp();
     SetUsbPlatformFactory(nullptr);  // the real Linux source
     testbed_ = std::make_unique<UsbTestbed>();
-    watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
   }
-
   void TearDown() override {
-    watcher_->StopListen();
-    EXPECT_TRUE(watcher_->CopyUSBDeviceMap().empty());
+    UsbWatcherTest::TearDown();
     testbed_.reset();
   }
-
-  void Start() {
-    ASSERT_EQ(watcher_->StartListen(), 0);
-    ASSERT_TRUE(watcher_->WaitUntilListening(5s));
-  }
-  bool Has(const std::string& key) { return watcher_->CopyUSBDeviceMap().count(key) == 1; }
-  DeviceModleInfo Entry(const std::string& key) { return watcher_->CopyUSBDeviceMap().at(key); }
-  // Plugs a device the watcher records and waits for its entry: every event sent before it has
-  // been handled then, since events are handled in order.
+  bool Has(const std::string& key) { return Table().count(key) == 1; }
+  // Events are handled in order: once its entry is there, every event sent before it was handled.
   std::string PlugAndWait(const SimulatedUsbDevice& device) {
     const std::string syspath = testbed_->Plug(device);
     EXPECT_TRUE(Eventually([&] { return Has(*device.serial); })) << *device.serial;
@@ -66,22 +44,18 @@ class UdevSource : public ::testing::Test {
   }
 
   std::unique_ptr<UsbTestbed> testbed_;
-  ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
-// Besides the phones, devices the watcher passes over: without a serial, of a class or with only
-// interfaces no phone has (which classes those are is the watcher logic's decision, tested there), without
-// descriptors, with truncated ones.
+// Passed over: no serial, a class or only interfaces no phone has (which ones is the watcher
+// logic's decision, tested there), no or truncated descriptors.
 TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
-  const Change no_serial = [](SimulatedUsbDevice& d) { d.serial.reset(); };
   testbed_->Plug(Phone(2, "early-one"));
-  testbed_->Plug(Phone(3, "unused", no_serial));
+  testbed_->Plug(Phone(3, "unused", [](SimulatedUsbDevice& d) { d.serial.reset(); }));
   testbed_->Plug(Phone(4, "early-two"));
   Start();
-  const auto table = watcher_->CopyUSBDeviceMap();
+  const auto table = Table();
   ASSERT_EQ(table.size(), 2u);
-  EXPECT_EQ(table.at("early-one").vid, kAndroidVid);
-  EXPECT_EQ(table.at("early-one").pid, kPlainPid);
+  EXPECT_EQ(std::tie(table.at("early-one").vid, table.at("early-one").pid), std::tie(kAndroidVid, kPlainPid));
 
   testbed_->Plug(Phone(6, "keyboard", [](SimulatedUsbDevice& d) { d.interfaces = {{0x03, 1, 1}, {0x03, 0, 0}}; }));
   testbed_->Plug(Phone(5, "hub", [](SimulatedUsbDevice& d) { d.device_class = 0x09; }));
@@ -89,7 +63,7 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
   testbed_->Plug(Phone(8, "truncated", [](SimulatedUsbDevice& d) { d.descriptors = {{18, 1, 0, 2}}; }));
   testbed_->Unplug(PlugAndWait(Phone(9, "adb-phone", [](SimulatedUsbDevice& d) { d.interfaces = {{6, 1, 1}, {0xFF, 0x42, 1}}; })));
   ASSERT_TRUE(Eventually([&] { return !Has("adb-phone"); }));
-  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices passed over left no entry";
+  EXPECT_EQ(Table().size(), 2u) << "the devices passed over left no entry";
   EXPECT_EQ(log_capture::CountContaining("no interface a phone has: serial:keyboard"), 1);
   EXPECT_EQ(log_capture::CountContaining("no interface a phone has: serial:hub"), 1) << "by its device class";
   EXPECT_EQ(log_capture::Count(3, "IOCreatePlugInInterfaceForService returned 0x00000002.\n"), 1) << "ENOENT";
@@ -98,17 +72,15 @@ TEST_F(UdevSource, AttachedAddedRemovedPassedOverAndSeenAgainAfterARestart) {
 
   watcher_->StopListen();
   Start();
-  EXPECT_EQ(watcher_->CopyUSBDeviceMap().size(), 2u) << "the devices still attached, again";
+  EXPECT_EQ(Table().size(), 2u) << "the devices still attached, again";
   PlugAndWait(Phone(10, "after"));
 }
 
-// Each device names where its strings came from once; sysfs's UTF-8 passes unchanged, only
-// strings sysfs lacks go to the node, index 0 goes nowhere, and a node this host may not use
-// (EPERM: 0664 without udev rules) leaves them empty. The decoding is the watcher logic's.
+// sysfs's UTF-8 passes unchanged; only strings sysfs lacks go to the node, index 0 nowhere; a node
+// this host may not use (EPERM: 0664 without udev rules) leaves them empty.
 TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
   using Strings = std::map<uint8_t, std::u16string>;
-  // Its strings in sysfs, its manufacturer's index, and the strings its node answers (no node when
-  // not given) or the error every transfer there fails with.
+  // sysfs strings, manufacturer index, the node's strings (none: no node), every transfer's errno.
   const auto with = [](std::optional<std::string> m, std::optional<std::string> p, uint8_t index,
                        std::optional<Strings> node = std::nullopt, int error = 0) {
     return [=](SimulatedUsbDevice& d) {
@@ -133,8 +105,8 @@ TEST_F(UdevSource, StringsComeFromSysfsOrTheNode) {
   for (const auto& c : cases) {
     const int before = testbed_->Transfers();
     const std::string syspath = PlugAndWait(c.device);
-    EXPECT_EQ(Entry(*c.device.serial).manufacturer, c.manufacturer) << syspath;
-    EXPECT_EQ(Entry(*c.device.serial).product, c.product) << syspath;
+    const DeviceModleInfo e = Table().at(*c.device.serial);
+    EXPECT_EQ(std::tie(e.manufacturer, e.product), std::tie(c.manufacturer, c.product)) << syspath;
     EXPECT_EQ(testbed_->Transfers() - before, c.transfers) << syspath;
     const char* way = c.device.has_node ? "read by control transfer" : "taken from sysfs";
     EXPECT_EQ(log_capture::CountContaining(syspath + ": strings " + way), 1) << syspath;

@@ -1,7 +1,5 @@
-// Simulated USB devices for the Linux source, on umockdev: a sysfs with the attributes the kernel
-// gives a USB device, uevents of our making and, where asked, a device node whose
-// USBDEVFS_CONTROL requests a handler answers. The process must run with umockdev's preload
-// library (LD_PRELOAD=libumockdev-preload.so.0, or under umockdev-wrapper).
+// Simulated USB devices on umockdev: sysfs attributes, uevents and, where asked, a device node
+// answering USBDEVFS_CONTROL. Needs LD_PRELOAD=libumockdev-preload.so.0 (or umockdev-wrapper).
 #pragma once
 
 #include <array>
@@ -17,11 +15,8 @@ struct SimulatedUsbDevice {
   std::optional<std::string> serial;
   uint16_t vid = 0, pid = 0;
   uint8_t manufacturer_index = 1, product_index = 2, device_class = 0;
-  // The kernel's UTF-8 copies in sysfs; absent attributes when not set.
-  std::optional<std::string> sysfs_manufacturer;
-  std::optional<std::string> sysfs_product;
-  // The "descriptors" attribute; when not set, the device descriptor of the fields above, then one
-  // configuration with these interfaces (class, subclass, protocol), if any.
+  std::optional<std::string> sysfs_manufacturer, sysfs_product;  // the kernel's UTF-8 copies, if any
+  // The "descriptors" attribute; by default built from the fields above and these interfaces.
   std::optional<std::vector<unsigned char>> descriptors;
   std::vector<std::array<uint8_t, 3>> interfaces;
   // With a device node: string descriptors by index, as UTF-16 code units; any other index stalls.
@@ -35,16 +30,10 @@ class UsbTestbed {
   UsbTestbed();
   ~UsbTestbed();
 
-  // Adds the device (sending "add") and returns its sysfs path.
-  std::string Plug(const SimulatedUsbDevice& device);
-  // Takes the device out as the kernel does: its attributes go, "remove" is sent.
-  void Unplug(const std::string& syspath);
-
-  // Sends one uevent ("add", "remove", "change") for a device that stays in sysfs.
-  void SendUevent(const std::string& syspath, const char* action);
-
-  // Control transfers the device nodes have seen so far, answered or failed.
-  int Transfers();
+  std::string Plug(const SimulatedUsbDevice& device);  // sends "add"; returns the sysfs path
+  void Unplug(const std::string& syspath);  // as the kernel does: the attributes go, then "remove"
+  void SendUevent(const std::string& syspath, const char* action);  // the device stays in sysfs
+  int Transfers();  // control transfers the device nodes have seen, answered or failed
 
   struct Handler;  // one per device node
 
@@ -53,6 +42,5 @@ class UsbTestbed {
   std::unique_ptr<Impl> impl_;
 };
 
-// True when umockdev's preload library is in this process (checked without asking umockdev,
-// whose first answer must come after a testbed exists).
+// Checked without asking umockdev, whose first answer must come after a testbed exists.
 bool UmockdevPreloaded();

@@ -1,25 +1,14 @@
-// The watcher logic through the IOKit source on a simulated IOKit: string descriptor decoding, the
-// filter (serial, interface classes, lists, ADB's answer) with every line it leaves, arrival and
-// termination, start and stop. The ADB service library and the log library are in-memory
-// stand-ins. Every IOKit handle, plug-in, device interface and CF object taken must be given back
-// by the time the watcher stops.
-#include <gtest/gtest.h>
-
-#include <algorithm>
+// The watcher logic through the IOKit source on a simulated IOKit, with in-memory ADB and log
+// stand-ins. Every IOKit handle and CF object taken must be given back by the time it stops.
 #include <array>
-#include <cctype>
 #include <functional>
-#include <iterator>
 #include <optional>
 #include <set>
 #include <string>
 #include <tuple>
 
-#include "FakeTarnwell.h"
 #include "IOKitStandIn.h"
-#include "ListenDeviceChangeMac.h"
-#include "LogCapture.h"
-#include "UsbTestLists.h"
+#include "UsbWatcherTest.h"
 
 using iokit_standin::Device;
 
@@ -43,41 +32,27 @@ Device Phone(const std::string& id, const std::function<void(Device&)>& change =
   return device;
 }
 
-class Watcher : public ::testing::Test {
+class Watcher : public UsbWatcherTest {
  protected:
-  static void SetUpTestSuite() { LoadUsbTestFilterLists(); }
   void SetUp() override {
-    fake_adb::Reset();
-    log_capture::Clear();
+    UsbWatcherTest::SetUp();
     world_ = std::make_unique<iokit_standin::World>();
     SetUsbPlatformFactory(CreateMacUsbPlatform);  // the macOS source, built against the stand-in
-    watcher_ = static_cast<ListenDeviceChangeMac*>(GetListenDeviceChangeMacInstance());
   }
   void TearDown() override {
-    watcher_->StopListen();
+    UsbWatcherTest::TearDown();
     EXPECT_EQ(world_->Outstanding(), iokit_standin::Handles{}) << "every handle given back";
-    EXPECT_TRUE(Table().empty()) << "a stopped watcher leaves no entry";
     SetUsbPlatformFactory(nullptr);
   }
-
-  void Start() {
-    ASSERT_EQ(watcher_->StartListen(), 0);
-    ASSERT_TRUE(watcher_->WaitUntilListening(std::chrono::seconds(5)));
-  }
   int Held(const char* kind) { return world_->Outstanding()[kind]; }
-  std::map<std::string, DeviceModleInfo> Table() { return watcher_->CopyUSBDeviceMap(); }
 
   std::unique_ptr<iokit_standin::World> world_;
-  ListenDeviceChangeMac* watcher_ = nullptr;
 };
 
-// Each device is recorded, with its strings from the registry or else decoded from UTF-16 up to the
-// first zero unit, or passed over; it leaves exactly its one line (or none), and ADB is asked only
-// about the devices the lists call non-Android. Every other device is attached before the start, the
-// rest plugged after it. The stand-in answers only a bounded GET_DESCRIPTOR(STRING) in US English.
+// Each device is recorded (strings from the registry, else decoded from UTF-16) or passed over with
+// its one line; ADB is asked only about non-Android ones. Half are attached before the start.
 TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLines) {
-  const auto says = [](uint8_t index, std::vector<unsigned char> bytes, int result = 0,
-                       std::optional<uint32_t> done = std::nullopt) {
+  const auto says = [](uint8_t index, std::vector<unsigned char> bytes, int result = 0, std::optional<uint32_t> done = {}) {
     return [=](Device& d) { d.manufacturer_index = index, d.strings[index] = {bytes, result, done}; };
   };
   const auto classes = [](std::vector<std::array<unsigned char, 3>> interfaces) {
@@ -101,7 +76,6 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
   };
   const std::vector<unsigned char> sams = {0x0A, 0x03, 'S', 0, 'a', 0, 'm', 0, 's', 0};
   const Case cases[] = {
-      {"SER1AL", nullptr, "Acme"},  // recorded under its lower-case key
       {"sams", says(1, sams), "Sams"},
       {"wrong-type", says(1, {0x0A, 0x04, 'S', 0, 'a', 0, 'm', 0, 's', 0}), ""},
       {"short-transfer", says(1, sams, 0, 8u), ""},
@@ -121,8 +95,7 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
       {"too-long", [](Device& d) { d.serial = std::string(260, 'x'), d.vid = kUnknownVid; }, nullptr},
       {"number", [](Device& d) { d.serial_is_number = true; }, nullptr},
       {"longest", [](Device& d) { d.serial = std::string(259, 'y'); }, "Acme"},
-      {"refused", [](Device& d) { d.plugin_result = static_cast<int>(0xE00002C7); }, nullptr, 3,
-       no_plugin + "0xe00002c7.\n"},
+      {"refused", [](Device& d) { d.plugin_result = static_cast<int>(0xE00002C7); }, nullptr, 3, no_plugin + "0xe00002c7.\n"},
       {"no-plugin", [](Device& d) { d.plugin_missing = true; }, nullptr, 3, no_plugin + "0x00000000.\n"},
       {"no-interface", [](Device& d) { d.interface_result = 0x7; }, nullptr, 1, "no io usb device info"},
       {"too-old", [](Device& d) { d.interface_version = 320; }, nullptr, 1, "no io usb device info"},
@@ -140,8 +113,7 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
       {"hid-and-mtp", classes({{0x03, 0, 0}, {0x06, 1, 1}}), "Acme"},
       {"webcam-mode", classes({{0x0E, 1, 0}, {0x0E, 2, 0}}), "Acme"},  // video only as the device's class
       // A keyboard's interface, then a descriptor that does not chain: the platform cannot tell.
-      {"broken", [](Device& d) { d.configuration = {9, 2, 21, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 3, 1, 1, 0, 0, 4, 0}; },
-       "Acme"},
+      {"broken", [](Device& d) { d.configuration = {9, 2, 21, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 3, 1, 1, 0, 0, 4, 0}; }, "Acme"},
       {"white", [](Device& d) { d.pid = kWhitePid; }, "Acme"},  // on both lists: the white one wins
       {"BLACK", [](Device& d) { d.pid = kBlackPid; }, nullptr, 2,
        "android device disconnected or invalid,ret=7, key serial:BLACK, vid:6353, pid:11"},
@@ -158,7 +130,7 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
   };
   fake_adb::SetScript(script);
   std::vector<Device> plugged;
-  for (const Case& c : cases) ((&c - cases) % 2 == 0 ? world_->attached : plugged).push_back(Phone(c.id, c.change));
+  for (const Case& c : cases) ((&c - cases) % 2 == 1 ? world_->attached : plugged).push_back(Phone(c.id, c.change));
   Start();
   for (const Device& device : plugged) ASSERT_TRUE(world_->Plug(device)) << device.id;
   // (level, category, text): the validity check's lines carry the library's category.
@@ -170,14 +142,10 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
     if (c.level != 0) expected_lines.insert({c.level, c.level == 2 ? "Pelmora" : "", c.line});
     if (c.manufacturer == nullptr) continue;
     const Device device = Phone(c.id, c.change);
-    std::string key = *device.serial;
-    std::transform(key.begin(), key.end(), key.begin(), [](unsigned char ch) { return std::tolower(ch); });
-    ASSERT_EQ(table.count(key), 1u) << c.id;
-    const DeviceModleInfo& entry = table.at(key);
-    EXPECT_EQ(entry.manufacturer, c.manufacturer) << c.id;
-    EXPECT_EQ(entry.product, std::string("Phone ") + c.id) << c.id;
-    EXPECT_EQ(std::tie(entry.serial, entry.vid, entry.pid), std::tie(*device.serial, device.vid, device.pid))
-        << c.id << ": the serial as the device says";
+    ASSERT_EQ(table.count(*device.serial), 1u) << c.id;
+    const DeviceModleInfo& e = table.at(*device.serial);
+    EXPECT_EQ(std::tie(e.manufacturer, e.product, e.serial, e.vid, e.pid),
+              std::make_tuple(c.manufacturer, "Phone " + std::string(c.id), *device.serial, device.vid, device.pid));
     ++recorded;
   }
   EXPECT_EQ(table.size(), recorded) << "the devices passed over left no entry";
@@ -186,12 +154,10 @@ TEST_F(Watcher, RecordsPhonesWithDecodedStringsAndPassesOverTheRestWithTheirLine
   }
   EXPECT_EQ(lines, expected_lines);
   EXPECT_EQ(fake_adb::Calls(), (std::vector<std::string>{"AdbGetPhoneManufacturer:nameless",  // attached
-                                                         "AdbGetPhoneManufacturer:BLACK",
-                                                         "AdbGetPhoneManufacturer:named"}));
-  EXPECT_EQ(Held("plug-in"), 0);
-  EXPECT_EQ(Held("service"), 0);
-  EXPECT_EQ(Held("interface"), static_cast<int>(recorded)) << "only recorded devices keep one";
-  EXPECT_EQ(Held("notification"), static_cast<int>(recorded) - 1) << "all but the stuck one";
+                                                         "AdbGetPhoneManufacturer:BLACK", "AdbGetPhoneManufacturer:named"}));
+  const int n = static_cast<int>(recorded);  // "cf": the port and the stop source
+  EXPECT_EQ(world_->Outstanding(), (iokit_standin::Handles{{"cf", 2}, {"interface", n}, {"iterator", 1}, {"notification", n - 1}}))
+      << "recorded devices keep an interface, all but the stuck one a registration";
   ASSERT_TRUE(world_->Unplug("stuck"));
   EXPECT_EQ(Table().count("stuck"), 1u) << "no termination arrives for it";
 }
@@ -201,7 +167,7 @@ TEST_F(Watcher, TerminationRemovesItsDeviceOnceAndASharedKeyWithTheFirstToLeave)
   const Device lower = Phone("lower", [](Device& d) { d.serial = "abc123", d.strings[1] = Text("Second"); });
   Start();
   for (const Device& device : {Phone("one"), Phone("two"), upper, lower}) ASSERT_TRUE(world_->Plug(device));
-  ASSERT_TRUE(world_->Message("one", 0xE0000020));  // some other notification about the device
+  ASSERT_TRUE(world_->Send(Phone("one"), 0xE0000020));  // some other notification about the device
   auto table = Table();
   ASSERT_EQ(table.size(), 3u);
   EXPECT_EQ(table.at("abc123").manufacturer, "First") << "the first to arrive keeps the shared key";

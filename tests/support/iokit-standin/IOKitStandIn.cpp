@@ -1,15 +1,7 @@
-// The behaviour behind the stand-in headers, as far as the macOS USB source relies on it:
-// - a notification port is made only for main port 0, the default;
-// - arrivals reach a matching callback only once its iterator has been drained (that arms it);
-// - a CFRunLoopStop issued before CFRunLoopRun is forgotten when the run starts, and a source
-//   signalled from another thread fires when the loop next wakes (CFRunLoopWakeUp);
-// - a device interface newer than the simulated system offers is refused with E_NOINTERFACE;
-// - the serial number property may be a number, and CFStringGetCString on it is a misuse;
-// - only GET_DESCRIPTOR(STRING) in US English with both time limits set is answered; the slots
-//   the source must not call (USBDeviceOpen, AddRef ...) are null, the unbounded DeviceRequest
-//   is not even callable;
-// - releasing an IOKit handle twice, or passing one of the wrong kind, ends the test.
-// One lock guards everything; callbacks run without it, on the thread running the loop.
+// The system's behaviour the macOS USB source relies on, strictly: arrivals reach a matching
+// callback only once its iterator is drained; a CFRunLoopStop before CFRunLoopRun is lost; only a
+// bounded GET_DESCRIPTOR(STRING) in US English is answered, the slots the source must not call are
+// null; a misused handle or call ends the test. One lock guards everything; callbacks run without it.
 #include "IOKitStandIn.h"
 
 #include <IOKit/usb/IOUSBLib.h>
@@ -62,8 +54,7 @@ State& g = *new State;
 
 }  // namespace
 
-// Every CF object; the distinct types of the headers share its fields. Made and released with
-// g.mutex held.
+// Every CF object, whatever its type in the headers; made and released with g.mutex held.
 struct CFObject {
   CFObject(CFTypeID t, std::string s = {}, bool is_constant = false)
       : type(t), text(std::move(s)), constant(is_constant) { g.held["cf"] += !constant; }
@@ -82,8 +73,7 @@ struct __CFRunLoopSource : CFObject {
   bool signalled = false;
   CFRunLoopRef loop = nullptr;
 };
-// A port is its own run-loop source: the loop delivers events through it. One left undestroyed
-// is counted as a CF object.
+// A port is its own run-loop source: the loop delivers events through it.
 struct IONotificationPort : __CFRunLoopSource { using __CFRunLoopSource::__CFRunLoopSource; };
 bool IsPort(CFRunLoopSourceRef source) { return dynamic_cast<IONotificationPort*>(source) != nullptr; }
 struct __CFRunLoop {
@@ -96,8 +86,7 @@ namespace {
 enum CFType : CFTypeID { kString = 1, kDictionary, kUuid, kNumber, kSource };
 constexpr IOReturn kPipeStalled = static_cast<IOReturn>(0xE000404F);  // kIOUSBPipeStalled
 
-// A COM object: the table pointer comes first, so that the object's address is the T** handed
-// out. Nothing calls AddRef, so the one Release ends the object.
+// The table pointer first, so that the object's address is the T** handed out; no AddRef.
 struct ComObject {
   const void* table;
   Device device;
@@ -227,8 +216,6 @@ void Deliver(std::unique_lock<std::mutex>& lock, const Event& event) {
 
 }  // namespace
 
-// --- CoreFoundation ---------------------------------------------------------------------------
-
 const CFAllocatorRef kCFAllocatorDefault = nullptr;
 const CFRunLoopMode kCFRunLoopDefaultMode = new __CFString(kString, "kCFRunLoopDefaultMode", true);
 
@@ -250,10 +237,9 @@ Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex size, CFStr
 
 CFStringRef __CFStringMakeConstantString(const char* text) { return Intern<__CFString>(kString, text); }
 
-CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef, UInt8 b0, UInt8 b1, UInt8 b2, UInt8 b3,
-                                         UInt8 b4, UInt8 b5, UInt8 b6, UInt8 b7, UInt8 b8, UInt8 b9,
-                                         UInt8 b10, UInt8 b11, UInt8 b12, UInt8 b13, UInt8 b14,
-                                         UInt8 b15) {
+CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef, UInt8 b0, UInt8 b1, UInt8 b2, UInt8 b3, UInt8 b4, UInt8 b5,
+                                         UInt8 b6, UInt8 b7, UInt8 b8, UInt8 b9, UInt8 b10, UInt8 b11, UInt8 b12,
+                                         UInt8 b13, UInt8 b14, UInt8 b15) {
   const UInt8 bytes[] = {b0, b1, b2, b3, b4, b5, b6, b7, b8, b9, b10, b11, b12, b13, b14, b15};
   return Intern<__CFUUID>(kUuid, std::string(bytes, bytes + sizeof bytes));
 }
@@ -319,8 +305,6 @@ void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source) {
   source->loop = nullptr;
   ReleaseLocked(source);
 }
-
-// --- IOKit ------------------------------------------------------------------------------------
 
 IONotificationPortRef IONotificationPortCreate(mach_port_t mainPort) {
   if (mainPort != MACH_PORT_NULL) Misuse("a main port other than the default");
@@ -410,8 +394,6 @@ kern_return_t IOCreatePlugInInterfaceForService(io_service_t service, CFUUIDRef 
   *plugIn = static_cast<IOCFPlugInInterface**>(NewCom(&kPlugInTable, device, "plug-in"));
   return KERN_SUCCESS;
 }
-
-// --- The test's side --------------------------------------------------------------------------
 
 namespace iokit_standin {
 

@@ -1,7 +1,5 @@
-// A scriptable IOKit and CoreFoundation behind the stand-in headers of include/: the test plugs
-// and unplugs simulated USB devices and sends them interest messages; the macOS USB source, built
-// against these headers, receives them on its run loop as it would from the system. Every
-// handle, plug-in, device interface and CF object it still holds can be counted.
+// A scriptable IOKit and CoreFoundation behind the headers of include/: the test plugs, unplugs
+// and messages simulated USB devices, and counts what the macOS USB source still holds.
 #pragma once
 
 #include <cstdint>
@@ -39,8 +37,7 @@ struct Device {
   int interest_result = 0;
 };
 
-// What the source holds, by kind: "service", "iterator", "notification", "plug-in", "interface"
-// and "cf" (notification ports, run-loop sources, CF objects); kinds with nothing held are absent.
+// Held by kind ("service", "iterator", "notification", "plug-in", "interface", "cf"); no zeros.
 using Handles = std::map<std::string, int>;
 
 // The simulated system; one at a time. Scripted fields are read when the watcher sets up.
@@ -54,9 +51,8 @@ class World {
 
   // Each sends one event and waits (5 s at most) until the watcher's run loop has handled it.
   bool Plug(const Device& device) { return Send(device, 0); }
-  bool Unplug(const std::string& id) { return Message(id, kUsbMessageServiceIsTerminated); }
-  bool Message(const std::string& id, uint32_t messageType) { return Send(Device{id}, messageType); }
-  bool Send(const Device& device, uint32_t messageType);  // 0 plugs the device
+  bool Unplug(const std::string& id) { return Send(Device{id}, kUsbMessageServiceIsTerminated); }
+  bool Send(const Device& device, uint32_t messageType);  // 0 plugs the device, else a message about it
 
   Handles Outstanding();
   int PortsCreated();  // one per watcher thread that got as far as registering

@@ -43,10 +43,8 @@ typedef struct {
   UInt8 byte0, byte1, byte2, byte3, byte4, byte5, byte6, byte7;
   UInt8 byte8, byte9, byte10, byte11, byte12, byte13, byte14, byte15;
 } CFUUIDBytes;
-CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef allocator, UInt8 byte0, UInt8 byte1, UInt8 byte2,
-                                         UInt8 byte3, UInt8 byte4, UInt8 byte5, UInt8 byte6, UInt8 byte7,
-                                         UInt8 byte8, UInt8 byte9, UInt8 byte10, UInt8 byte11, UInt8 byte12,
-                                         UInt8 byte13, UInt8 byte14, UInt8 byte15);
+CFUUIDRef CFUUIDGetConstantUUIDWithBytes(CFAllocatorRef, UInt8, UInt8, UInt8, UInt8, UInt8, UInt8, UInt8, UInt8,
+                                         UInt8, UInt8, UInt8, UInt8, UInt8, UInt8, UInt8, UInt8);
 CFUUIDBytes CFUUIDGetUUIDBytes(CFUUIDRef uuid);
 
 // A version 0 source: it fires (perform, on the loop's thread) once signalled and the loop runs.

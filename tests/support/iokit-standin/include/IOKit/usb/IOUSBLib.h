@@ -51,8 +51,8 @@ typedef struct IOUSBDeviceStruct942 {
   void* GetLocationID;
   IOReturn (*GetConfigurationDescriptorPtr)(void* self, UInt8 configIndex,
                                             IOUSBConfigurationDescriptorPtr* desc);
-  void *GetConfiguration, *SetConfiguration, *GetBusFrameNumber, *ResetDevice, *DeviceRequest;
-  void *DeviceRequestAsync, *CreateInterfaceIterator;
+  void *GetConfiguration, *SetConfiguration, *GetBusFrameNumber, *ResetDevice, *DeviceRequest, *DeviceRequestAsync;
+  void* CreateInterfaceIterator;
   IOReturn (*USBDeviceOpenSeize)(void* self);
   IOReturn (*DeviceRequestTO)(void* self, IOUSBDevRequestTO* req);
   void *DeviceRequestAsyncTO, *USBDeviceSuspend, *USBDeviceAbortPipeZero;
