@@ -25,19 +25,12 @@ KINDS = {"sh": "sh", "bash": "sh", "shell": "sh", "c": "c", "python": "python", 
 
 def blocks(readme):
     """(line number, kind or None, text) of every fenced block."""
-    found, fence = [], None
-    for number, line in enumerate(readme.splitlines(keepends=True), 1):
-        if line.startswith("```"):
-            if fence is None:
-                fence = (number, KINDS.get(line[3:].strip().split(" ")[0].lower()), [])
-            else:
-                found.append((fence[0], fence[1], "".join(fence[2])))
-                fence = None
-        elif fence is not None:
-            fence[2].append(line)
-    if fence is not None:
-        sys.exit("FAILED: README.md:%d: a code block is never closed" % fence[0])
-    return found
+    lines = readme.splitlines(keepends=True)
+    fences = [number for number, line in enumerate(lines) if line.startswith("```")]
+    if len(fences) % 2:
+        sys.exit("FAILED: README.md:%d: a code block is never closed" % (fences[-1] + 1))
+    return [(start + 1, KINDS.get(lines[start][3:].strip().split(" ")[0].lower()), "".join(lines[start + 1:end]))
+            for start, end in zip(fences[::2], fences[1::2])]
 
 
 def call(cmd, work, env):
@@ -50,19 +43,14 @@ def call(cmd, work, env):
     return ("exit %d" % result.returncode if result.returncode else ""), result.stdout + result.stderr
 
 
-def parses(kind, text, path):
-    """'' when text is valid JSON, or Python that compiles, else why not."""
-    try:
-        json.loads(text) if kind == "json" else compile(text, path, "exec")
-        return ""
-    except (ValueError, SyntaxError) as e:
-        return str(e)
-
-
 def try_block(kind, text, fragment, path, args, work, env):
     """What is wrong with one block, or ''."""
-    if kind == "json" or (kind == "python" and fragment):
-        return parses(kind, text, path)
+    if kind == "json" or (kind == "python" and fragment):  # valid JSON, or Python that compiles
+        try:
+            json.loads(text) if kind == "json" else compile(text, path, "exec")
+            return ""
+        except (ValueError, SyntaxError) as e:
+            return str(e)
     include, library = os.path.join(args.source, "code", "include"), os.path.join(args.build, "code")
     if kind == "c":
         error, output = call(["cc", "-Wall", "-Werror", "-I", include, path] + (["-fsyntax-only"] if fragment else [
