@@ -5,21 +5,17 @@ against a private ADB server with a simulated phone. pkg-config and --version ar
 Debian packages by packaging/check-packages.sh; their build checks the installed files, sonames and
 exported symbols (debian/*.install, *.symbols)."""
 
-import argparse
 import os
 import shutil
 import sys
 import tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone, expect, run  # noqa: E402
+from pelmora_test_adb import PrivateAdb, SimPhone, arguments, expect, run  # noqa: E402
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    for option in ("--build-dir", "--source-dir", "--sim-phone"):
-        parser.add_argument(option, required=True)
-    args = parser.parse_args()
+    args = arguments("--build-dir", "--source-dir", "--sim-phone")
 
     work = tempfile.mkdtemp(prefix="pelmora-install-")
     adb = PrivateAdb(work)

@@ -1,11 +1,9 @@
 #!/usr/bin/python3
-"""Every fenced code block of README.md, used as a reader would use it. Complete programs and
-command sequences (C, Python, Node.js, shell) run against a simulated phone behind a private adb
-server, and one that listens must show that phone; a block whose first line says "fragment" is
-only compiled or syntax-checked; JSON is parsed; text and other kinds are output. In a block,
-/path/to/pelmora stands for the checkout and /path/to/pelmora/build for its build folder."""
+"""Every fenced code block of README.md, used as a reader would: programs and command sequences (C,
+Python, Node.js, shell) run against a simulated phone behind a private adb server (one that listens
+must show it); a block whose first line says "fragment" is only compiled or syntax-checked; JSON is
+parsed; other kinds are output. /path/to/pelmora and /path/to/pelmora/build: the checkout and build."""
 
-import argparse
 import json
 import os
 import re
@@ -14,7 +12,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone  # noqa: E402
+from pelmora_test_adb import PrivateAdb, SimPhone, arguments  # noqa: E402
 
 PLACEHOLDER = "/path/to/pelmora"
 MODEL = "README Phone"
@@ -66,10 +64,7 @@ def try_block(kind, text, fragment, path, args, work, env):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    for option in ("--source", "--build", "--sim-phone"):
-        parser.add_argument(option, required=True)
-    args = parser.parse_args()
+    args = arguments("--source", "--build", "--sim-phone")
     with open(os.path.join(args.source, "README.md"), encoding="utf-8") as f:
         found = blocks(f.read())
 
