@@ -1,5 +1,4 @@
-// The device table built from reports, as the terminal shows it: marks, kept details, columns,
-// colour, and texts from devices made harmless.
+// The device table from reports as the terminal shows it: marks, kept details, columns, colour, safe texts.
 #include <gtest/gtest.h>
 
 #include <regex>

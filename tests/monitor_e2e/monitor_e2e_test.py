@@ -1,11 +1,9 @@
 #!/usr/bin/python3
 """pelmora-monitor --json against the real library, a private adb server and a simulated phone:
-the phone arrives as AuthoredConnect with its model, leaves as NotConnect; every JSON line equals
-the report the library logged (the text it handed the callback); SIGINT ends the run with 0 after
-the poll thread's last line reached the log; no sanitizer report; the adb server the monitor started
-stops on SIGTERM (it must not inherit the monitor's blocked signals)."""
+the phone arrives and leaves; every JSON line equals the report the library logged; SIGINT ends the
+run with 0 (a sanitizer report would not: the builds halt on one) after the poll thread's last line
+reached the log; the adb server the monitor started stops on SIGTERM (no inherited blocked signals)."""
 
-import argparse
 import json
 import os
 import queue
@@ -19,7 +17,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone, expect, wait_until  # noqa: E402
+from pelmora_test_adb import PrivateAdb, SimPhone, arguments, expect, wait_until  # noqa: E402
 
 WAIT = 20  # seconds for any one expected line
 
@@ -37,10 +35,7 @@ def wait_for(lines, seen, predicate, what):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    for option in ("--monitor", "--sim-phone", "--config"):
-        parser.add_argument(option, required=True)
-    args = parser.parse_args()
+    args = arguments("--monitor", "--sim-phone", "--config")
 
     work = tempfile.mkdtemp(prefix="pelmora-monitor-e2e-")
     adb = PrivateAdb(work)
@@ -52,8 +47,7 @@ def main():
             env=adb.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         # stdout read on a thread, so that every wait below is bounded
         lines, seen = queue.Queue(), []
-        reader = threading.Thread(target=lambda out: [lines.put(line) for line in out], args=(monitor.stdout,),
-                                  daemon=True)
+        reader = threading.Thread(target=lambda out=monitor.stdout: [lines.put(line) for line in out], daemon=True)
         reader.start()
 
         wait_until(adb.server_pids)  # the monitor's own server, before the phone's adb could start one
@@ -69,7 +63,6 @@ def main():
         code, stderr = monitor.wait(timeout=10), monitor.stderr.read()  # no end within 10 s fails the test
         monitor = None
         expect(code == 0, "exit code %d after SIGINT; stderr:\n%s" % (code, stderr))
-        expect(not re.search("Sanitizer|runtime error", stderr), "sanitizer report:\n" + stderr)
 
         reader.join(WAIT)  # the lines still on their way, up to the end of stdout
         seen += [lines.get() for _ in range(lines.qsize())]

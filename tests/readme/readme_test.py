@@ -1,11 +1,9 @@
 #!/usr/bin/python3
-"""Every fenced code block of README.md, used as a reader would use it. Complete programs and
-command sequences (C, Python, Node.js, shell) run against a simulated phone behind a private adb
-server, and one that listens must show that phone; a block whose first line says "fragment" is
-only compiled or syntax-checked; JSON is parsed; text and other kinds are output. In a block,
-/path/to/pelmora stands for the checkout and /path/to/pelmora/build for its build folder."""
+"""Every fenced code block of README.md, used as a reader would: programs and command sequences (C,
+Python, Node.js, shell) run against a simulated phone behind a private adb server (one that listens
+must show it); a block whose first line says "fragment" is only compiled or syntax-checked; JSON is
+parsed; other kinds are output. /path/to/pelmora and /path/to/pelmora/build: the checkout and build."""
 
-import argparse
 import json
 import os
 import re
@@ -14,7 +12,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "support", "python"))
-from pelmora_test_adb import PrivateAdb, SimPhone  # noqa: E402
+from pelmora_test_adb import PrivateAdb, SimPhone, arguments  # noqa: E402
 
 PLACEHOLDER = "/path/to/pelmora"
 MODEL = "README Phone"
@@ -25,19 +23,12 @@ KINDS = {"sh": "sh", "bash": "sh", "shell": "sh", "c": "c", "python": "python", 
 
 def blocks(readme):
     """(line number, kind or None, text) of every fenced block."""
-    found, fence = [], None
-    for number, line in enumerate(readme.splitlines(keepends=True), 1):
-        if line.startswith("```"):
-            if fence is None:
-                fence = (number, KINDS.get(line[3:].strip().split(" ")[0].lower()), [])
-            else:
-                found.append((fence[0], fence[1], "".join(fence[2])))
-                fence = None
-        elif fence is not None:
-            fence[2].append(line)
-    if fence is not None:
-        sys.exit("FAILED: README.md:%d: a code block is never closed" % fence[0])
-    return found
+    lines = readme.splitlines(keepends=True)
+    fences = [number for number, line in enumerate(lines) if line.startswith("```")]
+    if len(fences) % 2:
+        sys.exit("FAILED: README.md:%d: a code block is never closed" % (fences[-1] + 1))
+    return [(start + 1, KINDS.get(lines[start][3:].strip().split(" ")[0].lower()), "".join(lines[start + 1:end]))
+            for start, end in zip(fences[::2], fences[1::2])]
 
 
 def call(cmd, work, env):
@@ -50,19 +41,14 @@ def call(cmd, work, env):
     return ("exit %d" % result.returncode if result.returncode else ""), result.stdout + result.stderr
 
 
-def parses(kind, text, path):
-    """'' when text is valid JSON, or Python that compiles, else why not."""
-    try:
-        json.loads(text) if kind == "json" else compile(text, path, "exec")
-        return ""
-    except (ValueError, SyntaxError) as e:
-        return str(e)
-
-
 def try_block(kind, text, fragment, path, args, work, env):
     """What is wrong with one block, or ''."""
-    if kind == "json" or (kind == "python" and fragment):
-        return parses(kind, text, path)
+    if kind == "json" or (kind == "python" and fragment):  # valid JSON, or Python that compiles
+        try:
+            json.loads(text) if kind == "json" else compile(text, path, "exec")
+            return ""
+        except (ValueError, SyntaxError) as e:
+            return str(e)
     include, library = os.path.join(args.source, "code", "include"), os.path.join(args.build, "code")
     if kind == "c":
         error, output = call(["cc", "-Wall", "-Werror", "-I", include, path] + (["-fsyntax-only"] if fragment else [
@@ -78,10 +64,7 @@ def try_block(kind, text, fragment, path, args, work, env):
 
 
 def main():
-    parser = argparse.ArgumentParser()
-    for option in ("--source", "--build", "--sim-phone"):
-        parser.add_argument(option, required=True)
-    args = parser.parse_args()
+    args = arguments("--source", "--build", "--sim-phone")
     with open(os.path.join(args.source, "README.md"), encoding="utf-8") as f:
         found = blocks(f.read())
 

@@ -1,7 +1,6 @@
-"""What the Python binding adds to libPelmora (PELMORA_LIBRARY) beyond the README's example, which
-tests/readme runs against a simulated phone: typed, frozen changes that print their statuses by
-name, one listener at a time, an end distinct from a timeout, the asyncio API, and errors with the
-code, name and meaning of the table of codes. No adb server answers on this test's port."""
+"""What the Python binding (on PELMORA_LIBRARY) adds beyond the README's examples, which tests/readme
+runs: frozen changes with named statuses, one listener at a time, an end distinct from a timeout,
+asyncio, errors with code, name and meaning. No adb server answers on this test's port."""
 
 import asyncio
 import dataclasses

@@ -1,24 +1,32 @@
 """A private real adb server and simulated phones for the Python tests: every server gets a port
 of its own (picked by binding port 0) and a HOME of its own, and is killed by the test."""
 
+import argparse
 import os
 import socket
 import subprocess
 import sys
 import time
 
-# Kills the server on port $2 with adb $1 once stdin ends (kill(), or the test's death), thrice for one still
-# starting, from a shell in a session of its own that nothing killing the test reaches (as PrivateAdbServer).
+# Once stdin ends (kill(), or the test's death) kills the server on port $2 (adb $1), from its own session.
 WATCHDOG = ("exec 3<&0; ( trap '' INT HUP TERM; cat <&3 >/dev/null; exec 3<&-;"
             " for try in 1 2 3; do \"$1\" -P \"$2\" kill-server; sleep 1; done ) </dev/null >/dev/null 2>&1 &")
 
 
-def run(cmd, env=None, timeout=120, check=True, **kwargs):
-    result = subprocess.run(cmd, env=env, timeout=timeout, capture_output=True, text=True, **kwargs)
+def run(cmd, env=None, timeout=120, check=True):
+    result = subprocess.run(cmd, env=env, timeout=timeout, capture_output=True, text=True)
     if check and result.returncode != 0:
         sys.exit("FAILED (%d): %s\nstdout:\n%s\nstderr:\n%s"
                  % (result.returncode, " ".join(cmd), result.stdout, result.stderr))
     return result
+
+
+def arguments(*options):
+    """The command line, every option required."""
+    parser = argparse.ArgumentParser()
+    for option in options:
+        parser.add_argument(option, required=True)
+    return parser.parse_args()
 
 
 def wait_until(predicate, seconds=20):
@@ -34,8 +42,7 @@ def expect(condition, message):
 
 
 class PrivateAdb:
-    """A real adb server on a port of its own, killed by a watchdog whoever starts it, even when the test dies
-    before kill(); env is what a client of it runs with."""
+    """A real adb server on a port of its own, killed by a watchdog whoever starts it; env is a client's."""
 
     def __init__(self, work):
         with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
