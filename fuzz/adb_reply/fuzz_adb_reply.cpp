@@ -1,6 +1,5 @@
-// The ADB server's replies are outside bytes: the status word, the hex length, the device list
-// payload and what a phone's shell prints all go through these parsers. Each run checks the
-// promises the exported functions make on top of them.
+// The ADB server's replies are outside bytes (status word, hex length, device list, what a shell
+// prints): each run checks the promises the exported functions make on top of these parsers.
 #include <cctype>
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,5 @@
-// libTarnwell through its exported functions: against the simulated ADB server (the list text,
-// the property reads, every error path, the time bounds, concurrent callers, when adb is run),
-// and against Debian's real adb server on a private port with simulated phones attached.
+// libTarnwell through its exported functions: against the simulated ADB server (every reply and
+// error path, the time bounds, concurrent callers, when adb is run) and against Debian's real adb.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -36,8 +35,7 @@ void UsePort(std::uint16_t port) { UsePort(std::to_string(port)); }
 
 // The list text, or "ERR <code>"; a failed call must leave the caller's pointer and count alone.
 std::string List() {
-  char sentinel = 0;
-  char* list = &sentinel;
+  char sentinel = 0, *list = &sentinel;
   int count = 77;
   const int result = AdbGetDevicesEx(&list, &count, 0);
   if (result != TARNWELL_OK) {
@@ -52,7 +50,6 @@ std::string List() {
   return text;
 }
 
-// The text read, or "ERR <code>".
 std::string Read(Query query, const std::string& serial, int size = 100) {
   std::vector<char> buffer(static_cast<std::size_t>(size) + 1, '#');
   const int result = query(serial.c_str(), buffer.data(), size, 0);
@@ -61,14 +58,12 @@ std::string Read(Query query, const std::string& serial, int size = 100) {
   return buffer.data();
 }
 
-// Runs call(0) ... call(n - 1) each on a thread of its own, all at once.
 void AllAtOnce(int n, const std::function<void(int)>& call) {
   std::vector<std::thread> threads;
   for (int i = 0; i < n; ++i) threads.emplace_back(call, i);
   for (auto& t : threads) t.join();
 }
 
-// Each test logs to a file of its own in a folder of its own.
 class Logged : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -76,7 +71,6 @@ class Logged : public ::testing::Test {
     ASSERT_EQ(InitLogEx(dir_.path().c_str(), "Test", log_path_.c_str()), 0);
   }
   std::string LogText() const { return ReadFile(log_path_); }
-  // How many times the log holds text.
   int Times(const std::string& text) const {
     const std::string log = LogText();
     int n = 0;
@@ -152,7 +146,6 @@ TEST_F(AdbClientTest, RepliesGiveTheirTextOrTheirCodeWithinTheirBound) {
       // The link closing before the shell answers reads "error: closed"; any other FAIL fails.
       {raw(""), "error: closed", version},
       {Reaction::Fail("closed"), "error: closed", version},
-      {Reaction::Fail("closed"), "error", version, "R58M", 6},
       {Reaction::Fail("closed for good"), failed, version},
       // Last, as they start cool-downs.
       {answer, failed, maker, "NOPE"}, {Reaction::Silent(), timeout, model},
@@ -179,13 +172,13 @@ TEST_F(AdbClientTest, RepliesGiveTheirTextOrTheirCodeWithinTheirBound) {
   }
   // Bad arguments touch nothing.
   char buffer[8] = "keep";
-  EXPECT_EQ(AdbGetPhoneSoftVersion(nullptr, buffer, 8, 0), TARNWELL_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(AdbGetPhoneSoftVersion("", buffer, 8, 0), TARNWELL_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(AdbGetPhoneManufacturer("R58M", nullptr, 8, 0), TARNWELL_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(AdbGetPhoneProductModel("R58M", buffer, 0, 0), TARNWELL_ERR_BAD_ARGUMENT);
+  const std::vector<int> codes = {AdbGetPhoneSoftVersion(nullptr, buffer, 8, 0),
+      AdbGetPhoneSoftVersion("", buffer, 8, 0), AdbGetPhoneManufacturer("R58M", nullptr, 8, 0),
+      AdbGetPhoneProductModel("R58M", buffer, 0, 0), AdbGetDevicesEx(nullptr, nullptr, 0),
+      AdbSdkInit(nullptr, "/", "/"), AdbSdkInit("/", "", "/"), AdbStartDaemon(2, 0)};
+  EXPECT_EQ(codes, std::vector<int>(codes.size(), TARNWELL_ERR_BAD_ARGUMENT));
   EXPECT_STREQ(buffer, "keep");
   EXPECT_EQ(server_.RequestCount(), requests + 3) << "LOCKED's reads only";
-  EXPECT_EQ(AdbGetDevicesEx(nullptr, nullptr, 0), TARNWELL_ERR_BAD_ARGUMENT);
   EXPECT_EQ(AdbFreeResource(nullptr), 0);
 
   // One line per failure, however many lines the server's message has.
@@ -218,7 +211,6 @@ struct TrackEvents {
     std::lock_guard<std::mutex> lock(self->mutex);
     self->told.push_back(event == TARNWELL_TRACK_CHANGED ? "changed" : "ended " + std::to_string(code));
   }
-  // The events once there are n of them, or after 5 s.
   std::vector<std::string> After(size_t n) {
     Eventually([&] { std::lock_guard<std::mutex> lock(mutex); return told.size() >= n; }, std::chrono::seconds(5));
     std::lock_guard<std::mutex> lock(mutex);
@@ -279,13 +271,10 @@ struct FakeAdb {
 
 using StartDaemonTest = Logged;
 
-TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
-  EXPECT_EQ(AdbSdkInit(nullptr, "/", "/"), TARNWELL_ERR_BAD_ARGUMENT);
-  EXPECT_EQ(AdbSdkInit("/", "", "/"), TARNWELL_ERR_BAD_ARGUMENT);
+TEST_F(StartDaemonTest, AdbIsFoundAndRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled) {
   EXPECT_EQ(Init(dir_.path() + "/missing"), TARNWELL_ERR_NO_FOLDER);
   EXPECT_EQ(AdbSdkInit(dir_.path().c_str(), "/no/such/config", "/"), TARNWELL_ERR_NO_FOLDER);
   EXPECT_EQ(Times("AdbSdkInit failed, error 102: no such folder: /no/such/config\n"), 1);
-  EXPECT_EQ(AdbStartDaemon(2, 0), TARNWELL_ERR_BAD_ARGUMENT);
 
   const std::string saved_path = getenv("PATH") != nullptr ? getenv("PATH") : "";
   setenv("PATH", dir_.path().c_str(), 1);
@@ -293,9 +282,7 @@ TEST_F(StartDaemonTest, InitChecksItsFoldersAndNothingStartsWithoutAnyAdb) {
   EXPECT_EQ(Init(dir_.path()), TARNWELL_ERR_NO_ADB);
   EXPECT_EQ(AdbStartDaemon(1, 0), TARNWELL_ERR_NO_ADB);
   setenv("PATH", saved_path.c_str(), 1);
-}
 
-TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled) {
   const struct {
     std::optional<Reaction> version;  // of a simulated server on the port to "host:version"
     int flag, adb_exit, code, adb_runs;  // how many times the stand-in adb is run
@@ -325,7 +312,7 @@ TEST_F(StartDaemonTest, AdbIsRunOnlyWhenNoServerAnswersOrTheHostSaysItWasKilled)
   EXPECT_EQ(Times("error: could not install *smartsocket* listener"), 1) << "adb's own words";
 }
 
-// Debian's adb server on a private port, started through AdbStartDaemon as a host would.
+// Debian's adb server on a private port, started through AdbStartDaemon, to hold the simulated replies to adb's.
 using RealAdbTest = Logged;
 
 TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
@@ -333,10 +320,7 @@ TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
   sim_phone::PrivateAdbServer server;
   server.ApplyToThisProcess();
   ASSERT_EQ(Init(dir_.path()), 0);  // no adb in the folder: Debian's on PATH is used
-  EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
-  for (int i = 0; i < 2; ++i) ASSERT_EQ(AdbStartDaemon(1, 0), 0) << LogText();
-  EXPECT_EQ(server.ServerProcesses().size(), 1u) << "asking again spawns nothing new";
-  // Polls the list until it holds entry, at most 5 s.
+  ASSERT_EQ(AdbStartDaemon(1, 0), 0) << LogText();
   const auto listed = [](const std::string& entry) {
     return Eventually([&] { return List().find(entry) != std::string::npos; }, std::chrono::seconds(5),
                       std::chrono::milliseconds(20));
@@ -352,11 +336,8 @@ TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
 
   phone.Authorize();
   ASSERT_TRUE(listed(serial + "-device;")) << List();
-  EXPECT_EQ(Read(AdbGetPhoneSoftVersion, serial), config.android_version);
-  EXPECT_EQ(Read(AdbGetPhoneManufacturer, serial), config.manufacturer);
   EXPECT_EQ(Read(AdbGetPhoneProductModel, serial), config.model);
 
-  // The link dropping when the shell opens reads "error: closed".
   phone.SetDropOnOpen(true);
   EXPECT_EQ(Read(AdbGetPhoneSoftVersion, serial), "error: closed");
 
@@ -371,12 +352,6 @@ TEST_F(RealAdbTest, APhoneIsListedInEachStateAndAnswersOnlyWhenAuthorised) {
   EXPECT_EQ(run.output, recovery.model + "\n");
   ASSERT_FALSE(second.OpenedServices().empty());
   EXPECT_EQ(second.OpenedServices().back().rfind("shell,v2,", 0), 0u) << second.OpenedServices().back();
-
-  // A server killed behind the library's back is started again when the host says so.
-  server.KillServer();
-  EXPECT_EQ(List(), Err(TARNWELL_ERR_NO_SERVER));
-  ASSERT_EQ(AdbStartDaemon(0, 0), 0) << LogText();
-  EXPECT_EQ(List().rfind("ERR", 0), std::string::npos);
 }
 
 }  // namespace

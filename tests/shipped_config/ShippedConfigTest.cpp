@@ -69,9 +69,8 @@ TEST_F(ShippedConfig, VendorAndProductListsAreConsistent) {
   EXPECT_FALSE(EntriesOf("iManufactureAndiProduct.ini").empty());
 }
 
-// Real devices (IDs from usb.ids and the public phone lists): phones pass the lists without an ADB
-// question, under their maker's name; everything else is refused or left to ADB to name a maker.
-// The floors over the whole phone reference are ShippedConfig.UsbListsHoldTheirFloors'.
+// Real devices from usb.ids and the phone lists (ShippedConfig.UsbListsHoldTheirFloors measures them
+// all): phones pass without an ADB question, under their maker's name; the rest is refused or left to ADB.
 TEST_F(ShippedConfig, NamedRealDevicesAreTakenOrLeftToAdb) {
   const struct {
     uint16_t vid, pid;

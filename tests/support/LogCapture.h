@@ -1,5 +1,4 @@
-// An in-memory stand-in for libQuenwick: tests that link it instead of the real library can ask
-// which lines were logged.
+// An in-memory stand-in for libQuenwick that tells the tests linking it which lines were logged.
 #pragma once
 
 #include <string>
@@ -20,7 +19,6 @@ void Clear();
 std::vector<std::string> InitCalls();
 // How many lines have this level and exactly this text.
 int Count(int level, const std::string& text);
-// How many lines contain this text anywhere.
 int CountContaining(const std::string& fragment);
 
 }  // namespace log_capture

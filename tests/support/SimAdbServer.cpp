@@ -49,12 +49,8 @@ struct SimAdbServer::Connection {
 };
 
 SimAdbServer::SimAdbServer() {
-  if (!Listen(0)) throw std::runtime_error("simulated ADB server: cannot listen on loopback");
-}
-
-bool SimAdbServer::Listen(std::uint16_t port) {
-  auto listener = std::make_shared<sim_phone::LoopbackListener>(port, 64);
-  if (!listener->ok()) return false;
+  auto listener = std::make_shared<sim_phone::LoopbackListener>(0, 64);
+  if (!listener->ok()) throw std::runtime_error("simulated ADB server: cannot listen on loopback");
   listener_ = listener;
   port_ = listener->port();
   acceptor_ = std::thread([this, listener] {
@@ -70,7 +66,6 @@ bool SimAdbServer::Listen(std::uint16_t port) {
       workers_.emplace_back(connection, std::thread([this, connection] { Serve(*connection); }));
     }
   });
-  return true;
 }
 
 void SimAdbServer::Stop() {
@@ -146,8 +141,7 @@ std::string SimAdbServer::ListPayload() const {
   return payload;
 }
 
-// The list now and after every SetDevices, each in a frame of its own, until EndTracking, Stop, or
-// a peer that has gone.
+// The list now and after every SetDevices, a frame each, until EndTracking, Stop or the peer leaves.
 void SimAdbServer::Track(Connection& connection) {
   std::unique_lock<std::mutex> lock(mutex_);
   const int epoch = tracking_epoch_;

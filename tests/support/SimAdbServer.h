@@ -1,9 +1,7 @@
-// A simulated ADB server on a loopback port with scripted answers: fast, deterministic tests of
-// every path of an ADB client. By default it answers as adb does: "host:version" (0x29),
-// "host:devices" (the devices set), "host:transport:<serial>" (OKAY for a "device", adb's FAIL
-// otherwise), then "shell:getprop <name>" (the value and "\n"), and "host:track-devices[-l]" (the
-// list at once and again on every SetDevices, as adb sends it on every transport event, changed or
-// not). React() overrides that for services that start with a given prefix.
+// A simulated ADB server on a loopback port. By default it answers as adb does: "host:version",
+// "host:devices", "host:transport:<serial>" (adb's FAIL unless a "device"), "shell:getprop <name>",
+// "host:track-devices[-l]" (the list at once and on every SetDevices, changed or not, as adb sends
+// it on every transport event). React() overrides that for services that start with a prefix.
 #pragma once
 
 #include <condition_variable>
@@ -20,8 +18,7 @@ namespace sim_phone { class LoopbackListener; }
 
 namespace sim_adb {
 
-// A length as the protocol frames it: four hexadecimal digits.
-std::string Hex4(std::size_t n);
+std::string Hex4(std::size_t n);  // a length as the protocol frames it
 
 struct Reaction {
   enum class Kind {
@@ -35,7 +32,6 @@ struct Reaction {
   static Reaction Answer() { return {Kind::kAnswer, ""}; }
   static Reaction Silent() { return {Kind::kSilent, ""}; }
   static Reaction Raw(std::string bytes) { return {Kind::kRaw, std::move(bytes)}; }
-  // FAIL with the message, then close.
   static Reaction Fail(const std::string& message) { return Raw("FAIL" + Hex4(message.size()) + message); }
 };
 
@@ -47,8 +43,7 @@ struct Device {
 
 class SimAdbServer {
  public:
-  // Listens on 127.0.0.1 at a port the system picks. Neither copied nor moved (it holds a mutex).
-  SimAdbServer();
+  SimAdbServer();  // on 127.0.0.1, at a port the system picks
   ~SimAdbServer() { Stop(); }
 
   std::uint16_t port() const { return port_; }
@@ -82,10 +77,8 @@ class SimAdbServer {
     return body();
   }
   struct Connection;
-  bool Listen(std::uint16_t port);
   void Serve(Connection& connection);
-  // Returns false when the connection is finished.
-  bool Handle(Connection& connection, const std::string& service);
+  bool Handle(Connection& connection, const std::string& service);  // false: the connection ends
   std::string ListPayload() const;  // under mutex_
   void Track(Connection& connection);
 
