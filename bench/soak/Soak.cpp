@@ -98,7 +98,6 @@ constexpr AdbState kAdbStates[] = {
 
 int Soak(int cycles) {
   sim_adb::SimAdbServer server;
-  server.KeepRequests(false);
   ::setenv("ANDROID_ADB_SERVER_PORT", std::to_string(server.port()).c_str(), 1);
   UsbTestbed testbed;
   const std::string syspath = testbed.Plug(SoakPhone());

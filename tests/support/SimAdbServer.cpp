@@ -91,7 +91,7 @@ void SimAdbServer::Serve(Connection& connection) {
 
 bool SimAdbServer::Handle(Connection& connection, const std::string& service) {
   const Reaction reaction = Locked([&] {
-    requests_ += keep_requests_ ? 1 : 0;
+    ++requests_;
     const auto scripted = std::find_if(reactions_.begin(), reactions_.end(),
                                        [&](const auto& r) { return service.rfind(r.first, 0) == 0; });
     return scripted == reactions_.end() ? Reaction() : scripted->second;

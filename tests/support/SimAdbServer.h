@@ -66,9 +66,8 @@ class SimAdbServer {
   }
   void ClearReactions() { Locked([&] { reactions_.clear(); }); }
 
-  // How many services were received (not counting those received after KeepRequests(false)).
+  // How many services were received.
   int RequestCount() const { return Locked([&] { return requests_; }); }
-  void KeepRequests(bool keep) { Locked([&] { keep_requests_ = keep; }); }
 
  private:
   template <typename Body>
@@ -86,7 +85,6 @@ class SimAdbServer {
   std::vector<Device> devices_;
   std::vector<std::pair<std::string, Reaction>> reactions_;
   int requests_ = 0;
-  bool keep_requests_ = true;
   std::vector<std::string> lists_;  // the payload after each SetDevices, for the tracking streams
   int tracking_epoch_ = 0;  // EndTracking calls
   bool stopping_ = false;
