@@ -16,6 +16,7 @@ host_pid=""
 stop() { [ -z "$1" ] || { kill "$1" && wait "$1"; } 2>/dev/null || true; }
 cleanup() {
   stop "$host_pid"
+  exec 3>&- 2>/dev/null || true
   stop "$phone_pid"
   apt-get purge -y -qq "${packages[@]}" >/dev/null 2>&1 || true
   rm -rf "$work"
@@ -46,7 +47,10 @@ rules=/usr/lib/udev/rules.d/51-pelmora-android.rules
 grep -q 'TAG+="uaccess"' "$rules" || fail "$rules grants no uaccess"
 
 echo "-- a simulated phone behind a private adb server"
-pelmora-sim-phone --own-server --model "$phone_model" >"$work/phone.out" 2>&1 </dev/null &
+# The phone quits at the end of its input: it reads a pipe that stays open until the end.
+mkfifo "$work/phone.in"
+exec 3<>"$work/phone.in"
+pelmora-sim-phone --own-server --model "$phone_model" >"$work/phone.out" 2>&1 <"$work/phone.in" &
 phone_pid=$!
 wait_for "$work/phone.out" "adb-server-port "
 ANDROID_ADB_SERVER_PORT="$(sed -n 's/^adb-server-port \([0-9]*\).*/\1/p' "$work/phone.out" | head -n 1)"
