@@ -97,11 +97,7 @@ void DetailReads::Start(const std::string& key, const DeviceInfo_& record, Clock
 }
 
 void DetailReads::Run(Read* read) {
-  DeviceInfo_ texts;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    texts = read->texts;
-  }
+  DeviceInfo_ texts = read->texts;  // written before this thread started, and not since
   AndListenerEx::GetDeviceInfo(texts.actual_serial, texts);
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -149,7 +145,6 @@ void DetailReads::Collect(std::map<std::string, DeviceInfo_>& cache) {
 void AndListenerEx::RefreshDeviceInfo(const std::map<std::string, DeviceBasicInfo_>& merged,
                                       std::map<std::string, DeviceInfo_>& details) {
   const auto now = DetailReads::Clock::now();
-  m_detail_reads.Collect(details);
   for (const auto& [key, device] : merged) {
     DeviceInfo_& record = details[key];
     record.actual_serial = device.actual_serial;
@@ -164,10 +159,11 @@ void AndListenerEx::RefreshDeviceInfo(const std::map<std::string, DeviceBasicInf
   for (auto record = details.begin(); record != details.end();) {
     record = merged.count(record->first) == 0 ? details.erase(record) : std::next(record);
   }
-  // Reads that ended meanwhile (all of them, when they run inline) count for this poll.
+  // Reads that ended since the last poll, or meanwhile (all of them, when they run inline), count
+  // for this one; a read that has ended but is not collected yet is not started again.
   m_detail_reads.Collect(details);
-  for (auto& [key, record] : details) {
-    const DeviceBasicInfo_& device = merged.at(key);
+  for (const auto& [key, device] : merged) {
+    DeviceInfo_& record = details[key];
     const bool authorised = record.status == AuthoredConnect;
     record.manufacturer = authorised && !record.adb_manufacturer.empty() ? record.adb_manufacturer
                                                                          : device.reported_manufacturer;

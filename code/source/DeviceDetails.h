@@ -27,8 +27,8 @@ class DetailReads {
   DetailReads(const DetailReads&) = delete;
   DetailReads& operator=(const DetailReads&) = delete;
 
-  // Starts a read of what the record lacks, unless one is under way for key or the last one for
-  // key ended with texts missing less than the retry pause ago.
+  // Starts a read of what the record lacks, unless one for key is under way or not collected yet,
+  // or the last one for key ended with texts missing less than the retry pause ago.
   void Start(const std::string& key, const DeviceInfo_& record, Clock::time_point now);
   // Copies the texts of the reads that ended into the records still in the cache, and marks them
   // as read.
